@@ -1,0 +1,47 @@
+# One-command set-up for a fresh Debian 12 machine.
+#   make / make build   install what is missing, build into build/
+#   make test           build, run every test, then again under ASan+UBSan
+#   make demo           build and run the relay on the embedded recording
+SHELL := /bin/bash
+JOBS  ?= $(shell nproc 2>/dev/null || echo 2)
+SUDO  := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
+
+# Debian packages the build and the tests need.
+DEB_PACKAGES := cmake g++ make qtbase5-dev libqt5websockets5-dev util-linux
+
+.PHONY: all build deps test test-plain test-asan demo clean format
+
+all: build
+
+deps:
+	@missing=""; \
+	for p in $(DEB_PACKAGES); do \
+	  dpkg-query -W -f='$${Status}' $$p 2>/dev/null | grep -q 'install ok installed' || missing="$$missing $$p"; \
+	done; \
+	if [ -n "$$missing" ]; then \
+	  echo "installing:$$missing"; \
+	  $(SUDO) apt-get update -qq && \
+	  DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq --no-install-recommends $$missing; \
+	fi
+
+build: deps
+	cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	cmake --build build -j$(JOBS)
+
+test: test-plain test-asan
+
+test-plain: build
+	cd build && ctest --output-on-failure -j$(JOBS)
+
+# The same suite under AddressSanitizer and UndefinedBehaviorSanitizer, leak
+# detection on, so memory errors fail CI.
+test-asan: deps
+	cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DKORB_SANITIZE=ON
+	cmake --build build-asan -j$(JOBS)
+	cd build-asan && ASAN_OPTIONS=detect_leaks=1 ctest --output-on-failure -j$(JOBS)
+
+format:
+	git ls-files '*.cpp' '*.h' | xargs clang-format -i
+
+clean:
+	rm -rf build build-asan

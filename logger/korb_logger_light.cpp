@@ -1,0 +1,250 @@
+#include "logger/korb_logger_light.h"
+
+#include "logger/korb_log.h"
+#include "src/korb_env.h"
+
+#include <QCoreApplication>
+#include <QDate>
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QRegularExpression>
+#include <QTextCodec>
+#include <QTextStream>
+#include <QThread>
+
+#include <cstdio>
+
+namespace {
+QPointer<KorbLoggerLight> g_logger;
+QMutex g_instanceMutex;
+
+QString nowText()
+{
+    return QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd-hh:mm:ss.zzz"));
+}
+
+void consolePrint(QTextCodec *codec, const QString &text)
+{
+    const QByteArray bytes = codec ? codec->fromUnicode(text) : text.toLocal8Bit();
+    std::fwrite(bytes.constData(), 1, size_t(bytes.size()), stderr);
+    std::fputc('\n', stderr);
+}
+} // namespace
+
+KorbLoggerLight *KorbLoggerLight::instance()
+{
+    QMutexLocker lock(&g_instanceMutex);
+    if (!g_logger) {
+        // Console trace lines and log echoes should appear at once, also when
+        // the output is a pipe or the journal.
+        setlinebuf(stdout);
+        setlinebuf(stderr);
+        g_logger = new KorbLoggerLight;
+    }
+    return g_logger;
+}
+
+KorbLoggerLight::KorbLoggerLight(QObject *parent) : QObject(parent)
+{
+    setObjectName(QStringLiteral("logger"));
+    m_codec = QTextCodec::codecForName("UTF-8");
+    m_dir = Korb::appDir() + QStringLiteral("/../logs/");
+    QDir().mkpath(m_dir);
+    m_expiry.setInterval(ExpiryPeriodMs);
+    connect(&m_expiry, &QTimer::timeout, this, &KorbLoggerLight::expire_messages);
+}
+
+void KorbLoggerLight::setLogDir(const QString &dir)
+{
+    QMutexLocker lock(&m_mutex);
+    m_dir = dir;
+    QDir().mkpath(m_dir);
+}
+
+QString KorbLoggerLight::logDir() const
+{
+    QMutexLocker lock(&m_mutex);
+    return m_dir;
+}
+
+void KorbLoggerLight::setLoggerName(const QString &name)
+{
+    QMutexLocker lock(&m_mutex);
+    m_name = sanitizeName(name);
+}
+
+QString KorbLoggerLight::loggerName() const
+{
+    QMutexLocker lock(&m_mutex);
+    return m_name;
+}
+
+void KorbLoggerLight::setCodec(QTextCodec *codec)
+{
+    QMutexLocker lock(&m_mutex);
+    if (codec)
+        m_codec = codec;
+}
+
+QTextCodec *KorbLoggerLight::codec() const
+{
+    QMutexLocker lock(&m_mutex);
+    return m_codec;
+}
+
+void KorbLoggerLight::setConsoleLevel(int level)
+{
+    QMutexLocker lock(&m_mutex);
+    m_consoleLevel = level;
+}
+
+int KorbLoggerLight::consoleLevel() const
+{
+    QMutexLocker lock(&m_mutex);
+    return m_consoleLevel;
+}
+
+QString KorbLoggerLight::sanitizeName(const QString &name)
+{
+    static const QRegularExpression nonWord(QStringLiteral("\\W+"));
+    QString s = name;
+    s.remove(QLatin1Char('/')).remove(QLatin1Char('\\')).remove(QLatin1Char(':'));
+    return s.replace(nonWord, QStringLiteral("-"));
+}
+
+QString KorbLoggerLight::currentFilePath() const
+{
+    QMutexLocker lock(&m_mutex);
+    return QDir(m_dir).filePath(
+        QStringLiteral("%1_%2.txt").arg(m_name, QDate::currentDate().toString(QStringLiteral("yyyy-MM-dd"))));
+}
+
+QString KorbLoggerLight::formatLine(const QString &time, int level, const char *file, unsigned line,
+                                    const char *function, const QString &source, const QString &message)
+{
+    // "%0 %1 %2%3 %4() %5: %6", built piecewise so that a '%' inside the
+    // message is never taken for a placeholder.
+    QString out = time;
+    out += QLatin1Char(' ');
+    out += level >= 0 ? QStringLiteral("+%1").arg(level) : QString::number(level);
+    out += QLatin1Char(' ');
+    out += QFileInfo(QString::fromUtf8(file ? file : "")).fileName();
+    if (line != 0)
+        out += QStringLiteral(":%1").arg(line);
+    out += QLatin1Char(' ');
+    out += QString::fromUtf8(function ? function : "");
+    out += QStringLiteral("() ");
+    out += source;
+    const QString text = message.trimmed();
+    if (!text.isEmpty()) {
+        out += QStringLiteral(": ");
+        out += text;
+    }
+    return out;
+}
+
+void KorbLoggerLight::write(const QString &source, const char *file, unsigned line, const char *function,
+                            const QString &message, int level, bool fold)
+{
+    if (!Korb::logAdmits(level) || message.isEmpty())
+        return;
+    QMutexLocker lock(&m_mutex);
+    if (fold) {
+        for (Recent &r : m_recent) {
+            if (r.line == line && r.message == message) {
+                ++r.repeats;
+                r.since.restart();
+                return;
+            }
+        }
+        if (m_recent.size() >= MaxRecentRecords) {
+            if (m_recent.first().repeats > 0)
+                writeSeriesLocked(m_recent.first());
+            m_recent.removeFirst();
+        }
+        Recent r;
+        r.source = source;
+        r.file = file;
+        r.line = line;
+        r.function = function;
+        r.message = message;
+        r.level = level;
+        r.since.start();
+        m_recent.append(r);
+        ensureExpiryTimer();
+    }
+    writeLineLocked(formatLine(nowText(), level, file, line, function, source, message), level);
+}
+
+void KorbLoggerLight::writeSeriesLocked(const Recent &r)
+{
+    const QString text = QStringLiteral("%1 (серия из %2)").arg(r.message).arg(r.repeats);
+    writeLineLocked(
+        formatLine(nowText(), r.level, r.file.constData(), r.line, r.function.constData(), r.source, text),
+        r.level);
+}
+
+void KorbLoggerLight::writeLineLocked(const QString &lineText, int level)
+{
+    if (m_consoleLevel >= 0 && level <= m_consoleLevel)
+        consolePrint(m_codec, lineText);
+
+    const QString path = QDir(m_dir).filePath(
+        QStringLiteral("%1_%2.txt").arg(m_name, QDate::currentDate().toString(QStringLiteral("yyyy-MM-dd"))));
+    QFile f(path);
+    if (!f.open(QIODevice::WriteOnly | QIODevice::Append)) {
+        consolePrint(m_codec, QStringLiteral("ошибка открытия файла :") + path);
+        return;
+    }
+    if (f.size() > MaxFileSize) {
+        if (!m_overflowReport.isValid() || m_overflowReport.elapsed() > OverflowReportIntervalMs) {
+            consolePrint(m_codec, QStringLiteral("переполнение файла :") + path);
+            m_overflowReport.start();
+        }
+        return;
+    }
+    QTextStream out(&f);
+    out.setCodec("UTF-8");
+    out << lineText << '\n';
+}
+
+void KorbLoggerLight::ensureExpiryTimer()
+{
+    // The timer belongs to the logger's thread; a record from elsewhere (or
+    // before the application exists) leaves it to a later record.
+    if (!m_expiry.isActive() && QCoreApplication::instance() && QThread::currentThread() == thread())
+        m_expiry.start();
+}
+
+bool KorbLoggerLight::hasAccumulated() const
+{
+    QMutexLocker lock(&m_mutex);
+    for (const Recent &r : m_recent)
+        if (r.repeats > 0)
+            return true;
+    return false;
+}
+
+void KorbLoggerLight::flushAccumulated()
+{
+    QMutexLocker lock(&m_mutex);
+    for (const Recent &r : qAsConst(m_recent))
+        if (r.repeats > 0)
+            writeSeriesLocked(r);
+    m_recent.clear();
+}
+
+void KorbLoggerLight::resetFilter()
+{
+    QMutexLocker lock(&m_mutex);
+    m_recent.clear();
+}
+
+void KorbLoggerLight::expire_messages()
+{
+    // A series ends with the expiry period: its line says how many repeats
+    // were held back, and the next occurrence is written at once again.
+    flushAccumulated();
+}

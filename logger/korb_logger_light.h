@@ -1,0 +1,97 @@
+#pragma once
+
+#include <QElapsedTimer>
+#include <QList>
+#include <QMutex>
+#include <QObject>
+#include <QPointer>
+#include <QString>
+#include <QTimer>
+
+class QTextCodec;
+
+// The process's single file logger: daily UTF-8 text files in the log
+// directory, a size cap per file, and folding of identical repeated records
+// into one series line.
+class KorbLoggerLight : public QObject
+{
+    Q_OBJECT
+    Q_DISABLE_COPY(KorbLoggerLight)
+
+public:
+    // A day's file that has grown past this receives no more lines that day,
+    // so a runaway message cannot fill the disk.
+    static constexpr qint64 MaxFileSize = 4194303;
+    // The console hears about an overflowing file at most this often.
+    static constexpr qint64 OverflowReportIntervalMs = 60000;
+    // Period of the series expiry timer.
+    static constexpr int ExpiryPeriodMs = 360000;
+    // Distinct folded records kept at once; the oldest is flushed beyond it,
+    // so varying folded messages cannot grow the list without bound.
+    static constexpr int MaxRecentRecords = 512;
+
+    // The shared instance, created on first use.
+    static KorbLoggerLight *instance();
+
+    // Writes one record (the log call's filtering is repeated here).
+    void write(const QString &source, const char *file, unsigned line, const char *function,
+               const QString &message, int level, bool fold);
+
+    void setLogDir(const QString &dir);
+    QString logDir() const;
+    void setLoggerName(const QString &name);
+    QString loggerName() const;
+    // Codec for the console echo (-tc); log files are always UTF-8.
+    void setCodec(QTextCodec *codec);
+    QTextCodec *codec() const;
+    // Records at this level or below are echoed to standard error as well
+    // (negative: no echo).
+    void setConsoleLevel(int level);
+    int consoleLevel() const;
+
+    // Path of today's log file.
+    QString currentFilePath() const;
+
+    // Whether a folded record has been repeated and waits for its series line.
+    bool hasAccumulated() const;
+    // Writes the series line of every repeated record and forgets them.
+    void flushAccumulated();
+    // Forgets every folded record without writing anything.
+    void resetFilter();
+
+    static QString sanitizeName(const QString &name);
+    static QString formatLine(const QString &time, int level, const char *file, unsigned line,
+                              const char *function, const QString &source, const QString &message);
+
+public slots:
+    // Writes the series lines of records whose series has ended.
+    void expire_messages();
+
+private:
+    explicit KorbLoggerLight(QObject *parent = nullptr);
+
+    struct Recent
+    {
+        QString source;
+        QByteArray file;
+        unsigned line = 0;
+        QByteArray function;
+        QString message;
+        int level = 0;
+        int repeats = 0;
+        QElapsedTimer since;
+    };
+
+    void writeLineLocked(const QString &lineText, int level);
+    void writeSeriesLocked(const Recent &r);
+    void ensureExpiryTimer();
+
+    mutable QMutex m_mutex;
+    QString m_dir;
+    QString m_name = QStringLiteral("korb");
+    QTextCodec *m_codec = nullptr;
+    int m_consoleLevel = -1;
+    QList<Recent> m_recent;
+    QElapsedTimer m_overflowReport;
+    QTimer m_expiry;
+};

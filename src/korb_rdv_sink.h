@@ -1,0 +1,15 @@
+#pragma once
+
+#include "src/korb_rdv_wire.h"
+
+// Where the data sources hand their frames: the WebSocket server in the
+// daemon, a recording fake in the tests. Calls are synchronous and by
+// pointer; the frames stay owned by the caller.
+class KorbRdvSink
+{
+public:
+    virtual ~KorbRdvSink() = default;
+    virtual int clientCount() const = 0;
+    virtual void sendRdv(const RdvFrame *frame) = 0;
+    virtual void sendRdv(const RdvChannelMap &channels) = 0;
+};

@@ -1,0 +1,91 @@
+#pragma once
+
+#include <QString>
+#include <QStringList>
+#include <QVector>
+
+class KorbServiceController;
+class KorbServiceStarter;
+class KorbServiceSysPrivate;
+
+// The service object of a program that is both a daemon and the tool that
+// manages its own service instances. exec() reads the process's command line
+// and either performs a management command (help, version, query, install,
+// uninstall, start, stop, pause, resume, command code, directory) or runs the
+// service; the concrete service supplies the application object and the
+// operations that the control channel reaches.
+class KorbServiceBase
+{
+    Q_DISABLE_COPY(KorbServiceBase)
+
+public:
+    // An instance name can become a unit file name and a socket path, both of
+    // which the system limits; longer names are cut.
+    static constexpr int MaxNameLength = 255;
+
+    // Service flag bits.
+    enum ServiceFlag { CanBeSuspended = 1, CannotBeStopped = 2 };
+
+    KorbServiceBase(int argc, char **argv, const QString &name);
+    virtual ~KorbServiceBase();
+
+    // The dispatch; returns the process exit status (0, -1, -4, or the exit
+    // code of the application when the service itself runs).
+    int exec();
+
+    QString serviceName() const;
+    QString serviceDescription() const;
+    void setServiceDescription(const QString &description);
+    // Bit 1: can be suspended; bit 2: cannot be stopped.
+    int serviceFlags() const;
+    void setServiceFlags(int flags);
+    // 0 = automatic.
+    int startupType() const;
+    void setStartupType(int type);
+
+    // The one service object of the process (null before construction).
+    static KorbServiceBase *instance();
+
+    // The framework's message log (syslog): 0 success, 1 error, 2 warning,
+    // 3 information.
+    void logMessage(const QString &message, int type = 3);
+
+    // The help text with every "%s" already replaced by `program`.
+    static QString helpText(const QString &program);
+    // The version line for `program` (without the line end).
+    static QString versionLine(const QString &program);
+
+protected:
+    virtual void start() = 0;
+    virtual void stop();
+    virtual void pause();
+    virtual void resume();
+    virtual void processCommand(int code);
+    virtual void createApplication(int &argc, char **argv) = 0;
+    virtual int executeApplication() = 0;
+
+private:
+    friend class KorbServiceStarter;
+    friend class KorbServiceSysPrivate;
+
+    int runService(bool asService, const QStringList &arguments);
+    int query(const QString &argument);
+    int startInstance();
+    int defaultStartOrRun();
+    void printHelp() const;
+    void printVersion() const;
+
+    QString m_name;
+    QStringList m_args;
+    QString m_description;
+    int m_flags = 0;
+    int m_startupType = 0;
+    KorbServiceController *m_controller = nullptr;
+    KorbServiceSysPrivate *m_sys = nullptr;
+
+    // The application object keeps references to argc and argv for its whole
+    // life, so runService keeps them here.
+    int m_runArgc = 0;
+    QVector<QByteArray> m_runArgData;
+    QVector<char *> m_runArgv;
+};

@@ -12,7 +12,10 @@ namespace Korb {
 extern int logThreshold;
 
 // A record of `level` passes the threshold; negative levels always pass.
-inline bool logAdmits(int level) { return level < 0 || logThreshold >= level; }
+inline bool logAdmits(int level)
+{
+    return level < 0 || logThreshold >= level;
+}
 
 // The one log call every unit reports through. Never throws; drops filtered
 // levels and empty messages, names the source and hands the record on to the

@@ -108,7 +108,8 @@ int KorbLoggerLight::consoleLevel() const
 
 QString KorbLoggerLight::sanitizeName(const QString &name)
 {
-    static const QRegularExpression nonWord(QStringLiteral("\\W+"));
+    static const QRegularExpression nonWord(QStringLiteral("\\W+"),
+                                            QRegularExpression::UseUnicodePropertiesOption);
     QString s = name;
     s.remove(QLatin1Char('/')).remove(QLatin1Char('\\')).remove(QLatin1Char(':'));
     return s.replace(nonWord, QStringLiteral("-"));

@@ -42,7 +42,8 @@ void setAppDir(const QString &dir)
 QString getAbsPath(const QString &path)
 {
     QString name = path;
-    const bool absolute = path.startsWith(QLatin1Char('/')) || (path.size() > 1 && path.at(1) == QLatin1Char(':'));
+    const bool absolute =
+        path.startsWith(QLatin1Char('/')) || (path.size() > 1 && path.at(1) == QLatin1Char(':'));
     if (!absolute)
         name = QFileInfo(appDir() + QLatin1Char('/') + path).absoluteFilePath();
     if (logThreshold > 5) {
@@ -105,8 +106,8 @@ void setAppPath()
         if (QFileInfo(abs).isDir())
             parts.prepend(abs);
     }
-    for (const char *dir : {"../plugins/qt5158_Linux.x64_gcc1220", "../lib64", "/lib64", "/usr/lib64",
-                            "/usr/local/lib64"}) {
+    for (const char *dir :
+         {"../plugins/qt5158_Linux.x64_gcc1220", "../lib64", "/lib64", "/usr/lib64", "/usr/local/lib64"}) {
         const QString abs = getAbsPath(QString::fromLatin1(dir));
         if (QFileInfo(abs).isDir())
             envAppend(QStringLiteral("LD_LIBRARY_PATH"), abs);

@@ -131,12 +131,30 @@ template <typename T> inline T readLE(const void *base, std::size_t offset)
 {
     return qFromLittleEndian<T>(static_cast<const uchar *>(base) + offset);
 }
-inline quint32 magic(const void *f) { return readLE<quint32>(f, offsetof(RdvFrame, magic)); }
-inline quint8 kind(const void *f) { return static_cast<const uchar *>(f)[offsetof(RdvFrame, frameType)]; }
-inline quint32 timeSec(const void *f) { return readLE<quint32>(f, offsetof(RdvFrame, timeSec)); }
-inline quint32 timeSub(const void *f) { return readLE<quint32>(f, offsetof(RdvFrame, timeSub)); }
-inline qint8 group(const void *f) { return qint8(static_cast<const uchar *>(f)[offsetof(RdvFrame, flags)]); }
-inline quint16 sampleCount(const void *f) { return readLE<quint16>(f, offsetof(RdvFrame, sampleCount)); }
+inline quint32 magic(const void *f)
+{
+    return readLE<quint32>(f, offsetof(RdvFrame, magic));
+}
+inline quint8 kind(const void *f)
+{
+    return static_cast<const uchar *>(f)[offsetof(RdvFrame, frameType)];
+}
+inline quint32 timeSec(const void *f)
+{
+    return readLE<quint32>(f, offsetof(RdvFrame, timeSec));
+}
+inline quint32 timeSub(const void *f)
+{
+    return readLE<quint32>(f, offsetof(RdvFrame, timeSub));
+}
+inline qint8 group(const void *f)
+{
+    return qint8(static_cast<const uchar *>(f)[offsetof(RdvFrame, flags)]);
+}
+inline quint16 sampleCount(const void *f)
+{
+    return readLE<quint16>(f, offsetof(RdvFrame, sampleCount));
+}
 
 // A valid header: non-null, the magic, kind 1 or 2, at most MaxSamples samples.
 // Nothing else (no checksum, no length field) is tested.
@@ -159,9 +177,15 @@ inline quint64 timeMs(quint32 sec, quint32 sub)
     const quint64 ns = quint64(double(sec) * 1000000000.0 + double(sub));
     return quint64(double(ns) / 1000000.0);
 }
-inline quint64 timeMs(const void *f) { return timeMs(timeSec(f), timeSub(f)); }
+inline quint64 timeMs(const void *f)
+{
+    return timeMs(timeSec(f), timeSub(f));
+}
 
 // Seconds since 2000-01-01 (kept by the sources, used in dump file names).
-inline qint64 secondsSince2000(const void *f) { return qint64(timeSec(f)) - Epoch2000; }
+inline qint64 secondsSince2000(const void *f)
+{
+    return qint64(timeSec(f)) - Epoch2000;
+}
 
 } // namespace Rdv

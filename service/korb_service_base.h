@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QPointer>
 #include <QString>
 #include <QStringList>
 #include <QVector>
@@ -81,7 +82,8 @@ private:
     int m_flags = 0;
     int m_startupType = 0;
     KorbServiceController *m_controller = nullptr;
-    KorbServiceSysPrivate *m_sys = nullptr;
+    // Owned by the application object while the service runs.
+    QPointer<KorbServiceSysPrivate> m_sys;
 
     // The application object keeps references to argc and argv for its whole
     // life, so runService keeps them here.

@@ -1,0 +1,245 @@
+#include "src/korb_rdv_scanner.h"
+
+#include "logger/korb_log.h"
+#include "src/korb_rdv_settings.h"
+#include "src/korb_rdv_sink.h"
+
+#include <QIODevice>
+
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+// Bytes per MiB as the diagnostics print sizes.
+constexpr double MiBPerByte = 9.5367431640625e-07;
+// First byte of the magic as it lies in memory (little-endian 0x12345678).
+constexpr int MagicFirstByte = 0x78;
+} // namespace
+
+void KorbRdvScanner::FreeDeleter::operator()(char *p) const
+{
+    std::free(p);
+}
+
+KorbRdvScanner::KorbRdvScanner(KorbRdvSink *sink) : m_sink(sink), m_sendIntervalMs(Korb::sendIntervalMs) {}
+
+KorbRdvScanner::~KorbRdvScanner() = default;
+
+bool KorbRdvScanner::resetBuffer(int size)
+{
+    m_charBuff.reset();
+    m_charBuffSize = 0;
+    if (size >= 1 && size <= MaxBufferSize) {
+        m_charBuff.reset(static_cast<char *>(std::calloc(size_t(size) + BufferSlack, 1)));
+        if (m_charBuff)
+            m_charBuffSize = size;
+    }
+    m_fillEnd = 0;
+    m_scanPos = 0;
+    m_frameSize = 0;
+    m_lastSentMs = 0;
+    m_map.clear();
+    m_throughput.start();
+    return m_charBuff != nullptr;
+}
+
+int KorbRdvScanner::findHeader(const char *buf, int from, int last, Search how)
+{
+    if (!buf || from < 0 || from > last)
+        return -1;
+    if (how == Search::Bytewise) {
+        for (int p = from; p <= last; ++p) {
+            if (Rdv::headerValid(buf + p))
+                return p;
+        }
+        return -1;
+    }
+    // Only offsets holding the magic's first byte can start a header, so
+    // memchr skips everything else at memory speed.
+    const char *p = buf + from;
+    const char *const stop = buf + last + 1;
+    while (p < stop) {
+        p = static_cast<const char *>(std::memchr(p, MagicFirstByte, size_t(stop - p)));
+        if (!p)
+            return -1;
+        if (Rdv::headerValid(p))
+            return int(p - buf);
+        ++p;
+    }
+    return -1;
+}
+
+void KorbRdvScanner::noteFrame(const char *frame)
+{
+    m_frameSize = Rdv::frameLength(frame);
+    m_lastFrameTime = quint64(Rdv::secondsSince2000(frame));
+    m_lastKind = Rdv::kind(frame);
+    if (m_lastSentMs == 0)
+        m_lastSentMs = qint64(Rdv::timeMs(frame));
+}
+
+bool KorbRdvScanner::clientsPresent() const
+{
+    return m_sink && m_sink->clientCount() > 0;
+}
+
+bool KorbRdvScanner::gate(quint64 ms)
+{
+    // Unsigned on purpose: a frame older than the last sent one yields a huge
+    // difference and passes, so a restarted device is not muted.
+    if (ms - quint64(m_lastSentMs) > m_sendIntervalMs) {
+        m_lastSentMs = qint64(ms);
+        return true;
+    }
+    return false;
+}
+
+void KorbRdvScanner::calcBuff(bool verbose)
+{
+    // The diagnostic names this function, whichever helper prints it.
+    static const char *const self = Q_FUNC_INFO;
+    char *const buf = m_charBuff.get();
+    if (!buf)
+        return;
+    int pos = m_scanPos;
+    int end = m_fillEnd;
+    if (pos >= end)
+        return;
+    char *kind1 = nullptr; // the latest kind-1 frame accepted in this call
+
+    for (;;) {
+        // A candidate needs pos < end and frameSize bytes (the last accepted
+        // frame's length, not its own) before the fill end.
+        const qint64 last = qMin(qint64(end) - m_frameSize, qint64(end) - 1);
+        if (pos > last)
+            return;
+        pos = findHeader(buf, pos, int(last), m_search);
+        if (pos < 0)
+            return;
+        m_scanPos = pos; // the next call starts at this frame again
+        char *const f = buf + pos;
+
+        switch (Rdv::kind(f)) {
+        case 2:
+            noteFrame(f);
+            if (verbose)
+                describe(f, self, __LINE__);
+            pos += m_frameSize + 1;
+            if (clientsPresent()) {
+                if (kind1) {
+                    // A kind-2 frame after kind-1 frames of the same read
+                    // re-files the kind-1 frame under the kind-2 group slot
+                    // (0xFF) and gates the map, not the kind-2 frame.
+                    m_map.insert(-1, reinterpret_cast<RdvChannelFrame *>(kind1));
+                    if (gate(Rdv::timeMs(kind1)))
+                        m_sink->sendRdv(m_map);
+                } else if (gate(Rdv::timeMs(f))) {
+                    m_sink->sendRdv(reinterpret_cast<const RdvFrame *>(f));
+                }
+            }
+            break;
+        case 1:
+            noteFrame(f);
+            if (verbose)
+                describe(f, self, __LINE__);
+            pos += m_frameSize + 1;
+            kind1 = f;
+            if (clientsPresent()) {
+                m_map.insert(Rdv::group(f), reinterpret_cast<RdvChannelFrame *>(f));
+                if (gate(Rdv::timeMs(f)))
+                    m_sink->sendRdv(m_map);
+            }
+            break;
+        default:
+            // The header test admits only kinds 1 and 2; kept as a guard.
+            Korb::trace(__FILE__, __LINE__, self) << "##################### warn" << int(Rdv::kind(f));
+            break;
+        }
+
+        // Together with the +1 above, the two bytes after a frame are
+        // skipped unseen.
+        verbose = false;
+        end = m_fillEnd;
+        ++pos;
+        if (pos >= end)
+            return;
+    }
+}
+
+void KorbRdvScanner::describe(const char *frame, const char *function, int line) const
+{
+    const int group = Rdv::kind(frame) == 2 ? -1 : int(Rdv::group(frame));
+    Korb::trace(__FILE__, line, function)
+        << "frameSize:" << m_frameSize
+        << "  charBuffSize:" << QString::number(m_charBuffSize * MiBPerByte, 'g', 3) + QStringLiteral("Mb")
+        << " (" << m_charBuffSize << "b )" << group << Rdv::sampleCount(frame);
+}
+
+void KorbRdvScanner::restartFill()
+{
+    const double mib = m_charBuffSize * MiBPerByte;
+    const qint64 ms = m_throughput.isValid() ? m_throughput.restart() : 0;
+    if (!m_throughput.isValid())
+        m_throughput.start();
+    const double rate = ms > 0 ? mib / double(ms) * 1024.0 : 0.0;
+    KTRACE << QString::number(mib, 'g', 3) + QStringLiteral("Mb ")
+           << QString::number(rate, 'g', 2) + QStringLiteral("Mb/sec");
+    if (m_charBuff && m_fillEnd >= 0 && m_fillEnd < m_charBuffSize)
+        m_charBuff[m_fillEnd] = 0;
+    m_fillEnd = 0;
+    m_scanPos = 0;
+}
+
+int KorbRdvScanner::append(const char *data, int len)
+{
+    if (!m_charBuff || len < 0 || len > m_charBuffSize)
+        return -1;
+    if (qint64(m_fillEnd) + len > m_charBuffSize)
+        restartFill();
+    const int at = m_fillEnd;
+    std::memcpy(m_charBuff.get() + at, data, size_t(len));
+    m_fillEnd += len;
+    if (m_fillEnd < m_charBuffSize)
+        m_charBuff[m_fillEnd] = 0;
+    return at;
+}
+
+void KorbRdvScanner::writeBuf(QIODevice *out) const
+{
+    const char *const buf = m_charBuff.get();
+    if (!buf || !out)
+        return;
+    // The oldest data lies behind the fill end; it starts at the first whole
+    // frame there, so the file begins on a frame boundary.
+    const int start = findHeader(buf, m_fillEnd, m_charBuffSize - 1, m_search);
+    if (start >= 0)
+        out->write(buf + start, m_charBuffSize - start);
+    out->write(buf, m_fillEnd);
+}
+
+void KorbRdvScanner::writeCsv(QIODevice *out) const
+{
+    if (!out)
+        return;
+    out->write("x;y\r\n");
+    const char *const buf = m_charBuff.get();
+    if (!buf)
+        return;
+    const int pos = qint64(m_fillEnd) + m_frameSize > m_charBuffSize ? 0 : m_fillEnd;
+    const char *const f = buf + pos;
+    if (!Rdv::headerValid(f))
+        return;
+    const int values = 2 * Rdv::sampleCount(f);
+    const bool narrow = Rdv::kind(f) == 1;
+    QByteArray text;
+    text.reserve(values * 12);
+    for (int i = 0; i < values; ++i) {
+        const qint64 v = narrow ? qAbs(qint64(Rdv::readLE<qint16>(f, Rdv::HeaderSize + 2 * i)))
+                                : qint64(Rdv::readLE<qint32>(f, Rdv::HeaderSize + 4 * i));
+        text += QByteArray::number(i);
+        text += ';';
+        text += QByteArray::number(v);
+        text += "\r\n";
+    }
+    out->write(text);
+}

@@ -7,12 +7,12 @@
 #include <QFile>
 #include <QMap>
 #include <QVariant>
+#include <QWebSocket>
 #include <QWebSocketServer>
 
 #include <cstdlib>
 #include <memory>
 
-class QWebSocket;
 class QTimerEvent;
 
 // The daemon's only outward data interface: a plain WebSocket server that

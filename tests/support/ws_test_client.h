@@ -1,0 +1,44 @@
+#pragma once
+
+// WebSocket test helpers: start a WebSocketServer on a free high port and a
+// real QWebSocket client on 127.0.0.1 that records what it receives.
+
+#include <QByteArray>
+#include <QList>
+#include <QObject>
+#include <QStringList>
+#include <QWebSocket>
+
+class WebSocketServer;
+
+namespace RdvTest {
+
+// Starts the server on a random free high port; false when none was found.
+bool startOnFreePort(WebSocketServer &server);
+
+class WsTestClient : public QObject
+{
+    Q_OBJECT
+    Q_DISABLE_COPY(WsTestClient)
+
+public:
+    explicit WsTestClient(QObject *parent = nullptr);
+
+    // Connects to ws://127.0.0.1:port and waits up to timeoutMs for the handshake.
+    bool open(quint16 port, int timeoutMs = 5000);
+    bool isConnected() const;
+
+    QWebSocket &socket() { return m_socket; }
+    QStringList texts;
+    QList<QByteArray> binaries; // filled while keepBinaries is set
+    bool keepBinaries = true;
+    int binaryCount = 0;
+    qint64 binaryBytes = 0;
+    int closeCode = -1;
+    bool disconnected = false;
+
+private:
+    QWebSocket m_socket;
+};
+
+} // namespace RdvTest

@@ -1,0 +1,102 @@
+#include "src/korb_rdv_source.h"
+
+#include "logger/korb_log.h"
+#include "src/korb_env.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QTimerEvent>
+
+KorbRdvSource::KorbRdvSource(QObject *parent, KorbRdvSink *sink, QObject *commandSource, int watchdogMs)
+    : QObject(parent), m_scan(sink), m_watchdogMs(watchdogMs)
+{
+    if (commandSource) {
+        connect(commandSource, SIGNAL(runCmd(quint16)), this, SLOT(runCmd(quint16)));
+        connect(commandSource, SIGNAL(runCmd(const QString &)), this, SLOT(runCmd(const QString &)));
+    }
+}
+
+KorbRdvSource::~KorbRdvSource() = default;
+
+QString KorbRdvSource::dumpDir()
+{
+    return QDir::cleanPath(QFileInfo(Korb::appDir() + QStringLiteral("/../tmp")).absoluteFilePath());
+}
+
+QString KorbRdvSource::makeDumpFileName(const QString &ext)
+{
+    const QString dir = dumpDir();
+    QDir().mkpath(dir);
+    const QString suffix = ext.trimmed().left(4);
+    const QString name = QStringLiteral("zz-%1_%2_%3.%4")
+                             .arg(m_scan.lastKind() == 1 ? QStringLiteral("uzk") : QStringLiteral("vtp"))
+                             .arg(m_scan.lastFrameTime())
+                             .arg(m_fileCounter++, 4, 10, QLatin1Char('0'))
+                             .arg(suffix.isEmpty() ? QStringLiteral("rdv") : suffix);
+    return QDir(dir).absoluteFilePath(name);
+}
+
+void KorbRdvSource::runCmd(quint16 ms)
+{
+    KLOG(this, 2, tr("runCmd: интервал отправки %1 мс").arg(ms));
+    m_scan.setSendIntervalMs(ms);
+}
+
+void KorbRdvSource::runCmd(const QString &cmd)
+{
+    KLOG(this, 2, QStringLiteral("runCmd %1").arg(cmd));
+    if (!receiving() || !m_scan.charBuff())
+        return;
+    const QString c = cmd.trimmed();
+    const bool buf = c == QLatin1String("buf");
+    if (!buf && c != QLatin1String("csv"))
+        return;
+    m_file.setFileName(makeDumpFileName(buf ? QString() : QStringLiteral("csv")));
+    m_file.open(QIODevice::WriteOnly);
+    KLOG(this, 2, QStringLiteral("m_file.open %1").arg(m_file.fileName()));
+    if (buf)
+        m_scan.writeBuf(&m_file);
+    else
+        m_scan.writeCsv(&m_file);
+    m_file.close();
+}
+
+bool KorbRdvSource::ensureBuffer()
+{
+    if (m_scan.charBuff())
+        return false;
+    return m_scan.resetBuffer(m_bufferCapacity);
+}
+
+void KorbRdvSource::restartWatchdog()
+{
+    if (m_watchdogId)
+        killTimer(m_watchdogId);
+    m_watchdogId = startTimer(m_watchdogMs);
+}
+
+void KorbRdvSource::stopWatchdog()
+{
+    if (m_watchdogId)
+        killTimer(m_watchdogId);
+    m_watchdogId = 0;
+}
+
+void KorbRdvSource::timerEvent(QTimerEvent *event)
+{
+    if (m_watchdogId == 0 || event->timerId() != m_watchdogId) {
+        QObject::timerEvent(event);
+        return;
+    }
+    if (m_file.isOpen()) {
+        KTRACE << m_watchdogId << "close";
+        m_file.close();
+    }
+    stopWatchdog();
+    // A silence ends the burst: the next data starts with a fresh buffer,
+    // a fresh gate (its first frame is not sent) and file counter 0000.
+    m_fileCounter = 0;
+    m_scan.resetBuffer(0);
+    KTRACE << "off";
+    silenceEnded();
+}

@@ -1,0 +1,77 @@
+#pragma once
+
+#include "src/korb_rdv_scanner.h"
+
+#include <QFile>
+#include <QObject>
+#include <QString>
+
+class KorbRdvSink;
+class QTimerEvent;
+
+// What the UDP receiver and the TCP client have in common: the frame
+// scanner with its character buffer, the recording commands that dump that
+// buffer to files, and the silence watchdog that ends a burst of data.
+class KorbRdvSource : public QObject
+{
+    Q_OBJECT
+    Q_DISABLE_COPY(KorbRdvSource)
+
+public:
+    ~KorbRdvSource() override;
+
+    KorbRdvScanner &scanner() { return m_scan; }
+    const KorbRdvScanner &scanner() const { return m_scan; }
+
+    // Size of the character buffer allocated when data arrives and none
+    // exists (default: the largest, 64 MiB).
+    int bufferCapacity() const { return m_bufferCapacity; }
+    void setBufferCapacity(int bytes) { m_bufferCapacity = bytes; }
+
+    // Serial number the next dump file name will carry.
+    int fileCounter() const { return m_fileCounter; }
+    bool watchdogActive() const { return m_watchdogId != 0; }
+
+    // Directory of the dump files: "../tmp" beside the application.
+    static QString dumpDir();
+    // "zz-<uzk|vtp>_<seconds since 2000>_<counter>.<ext>" as an absolute
+    // path in dumpDir() (created when missing); advances the counter.
+    QString makeDumpFileName(const QString &ext);
+
+public slots:
+    // New send interval of the rate gate.
+    void runCmd(quint16 ms);
+    // "buf": the whole buffer in ring order to a ".rdv" file; "csv": the
+    // oldest frame in the ring as a table. Ignored without a buffer or while
+    // the source is not receiving.
+    void runCmd(const QString &cmd);
+
+protected:
+    // The command source's runCmd signals are connected by name when it is
+    // given, so that anything declaring them (the WebSocket server, a test
+    // double) can drive the source.
+    KorbRdvSource(QObject *parent, KorbRdvSink *sink, QObject *commandSource, int watchdogMs);
+
+    // Whether the source's sockets are up, so a recording makes sense.
+    virtual bool receiving() const = 0;
+    // After the common part of the watchdog expiry (recording closed,
+    // buffer released, file counter reset).
+    virtual void silenceEnded() {}
+
+    // Allocates the buffer (bufferCapacity()) when there is none; true when
+    // it was allocated by this call.
+    bool ensureBuffer();
+    // (Re)starts the silence watchdog.
+    void restartWatchdog();
+    void stopWatchdog();
+    void timerEvent(QTimerEvent *event) override;
+
+    KorbRdvScanner m_scan;
+    QFile m_file;
+
+private:
+    int m_watchdogMs;
+    int m_watchdogId = 0;
+    int m_fileCounter = 0;
+    int m_bufferCapacity = KorbRdvScanner::MaxBufferSize;
+};

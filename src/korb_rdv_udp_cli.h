@@ -1,0 +1,105 @@
+#pragma once
+
+#include "src/korb_rdv_source.h"
+
+#include <QAbstractSocket>
+#include <QHostAddress>
+
+class QUdpSocket;
+
+// Receives the device's frames as UDP datagrams on two local ports. Each
+// datagram carries an 8-byte header (length, sequence number); frames are
+// reassembled per port in a receive area, copied once into the character
+// buffer when complete, and the latest frame of every channel group goes to
+// the sink at the send interval.
+class KorbRdvStreamerUdp : public KorbRdvSource
+{
+    Q_OBJECT
+    Q_DISABLE_COPY(KorbRdvStreamerUdp)
+
+public:
+    // Per-port reassembly area; 1 MiB holds many of the largest datagrams.
+    static constexpr int ReceiveAreaSize = 1048576;
+    // A burst of full-size datagrams must fit in the kernel's queue while the
+    // event loop is busy elsewhere; the kernel may grant less (then logged).
+    static constexpr int SocketReceiveBufferSize = 8 * 1024 * 1024;
+    // Silence that ends a burst.
+    static constexpr int WatchdogMs = 550;
+    // A frame opens at offset 8 of a datagram or at the first of 9..14.
+    static constexpr int FirstFrameOffset = 8;
+    static constexpr int LastFrameOffset = 14;
+    // Waiting for a sent datagram to leave, at most.
+    static constexpr int SendWaitMs = 10;
+
+    // Process-wide receive counters of the current burst, reported and reset
+    // when the burst ends.
+    struct Counters
+    {
+        int cntOk = 0; // frames opened
+        int cntEr = 0; // accepted datagrams that opened no frame and continued none
+        int udpOk = 0; // datagrams that passed the sequence and length test
+        int udpEr = 0; // datagrams dropped: sequence gap, length mismatch, short read, empty
+    };
+    static Counters counters() { return s_counters; }
+    // The raw-capture file ("Z:/udpStream_<ms>.bin" relative to the working
+    // directory): open while capturing.
+    static QString captureFileName();
+    static void closeCaptureFile();
+
+    explicit KorbRdvStreamerUdp(QObject *parent, KorbRdvSink *sink, QObject *commandSource, quint16 port1,
+                                quint16 port2);
+    ~KorbRdvStreamerUdp() override;
+
+    // When set, bind() reports its result in the log.
+    void setLogging(bool on) { m_logging = on; }
+    quint16 port1() const { return m_port[0]; }
+    quint16 port2() const { return m_port[1]; }
+    QHostAddress localAddress() const { return m_localAddress; }
+    void setLocalAddress(const QHostAddress &address) { m_localAddress = address; }
+    quint32 lastSequence(int udpNum) const { return m_lastSeq[udpNum & 1]; }
+
+signals:
+    void readyRead(const QByteArray &message, const QString &host, quint16 port);
+    void error(const QString &message, const QString &host, quint16 port);
+    void protoSelfChange(const QString &message, const QString &host, quint16 port);
+
+public slots:
+    // Binds both sockets (a port 0 becomes the system's choice and is
+    // stored); false, with both sockets closed, when either fails.
+    bool bind();
+    void closeConnection();
+    qint64 sendMessage0(const QByteArray &data, const QString &host, quint16 port);
+    qint64 sendMessage1(const QByteArray &data, const QString &host, quint16 port);
+    void ReadyRead1();
+    void ReadyRead2();
+    // Takes one pending datagram of the socket.
+    void ReadyRead(QUdpSocket *udpSocket, int udpNum);
+    void error(QAbstractSocket::SocketError err);
+
+protected:
+    bool receiving() const override;
+    void silenceEnded() override;
+
+private:
+    qint64 sendMessage_raw(QUdpSocket *socket, const QByteArray &data, const QString &host, quint16 port);
+    void dropFrame(int udpNum);
+    void resetPorts();
+    void parseCapture();
+    bool applyReceiveBuffer(QUdpSocket *socket);
+
+    bool m_logging = false;
+    QUdpSocket *udpSocket1;
+    QUdpSocket *udpSocket2;
+    QHostAddress m_localAddress = QHostAddress::Any;
+    quint16 m_port[2];
+    quint32 m_lastSeq[2] = {0, 0};
+    int m_idxBefore[2] = {0, 0};
+    int m_buffIdx[2] = {0, 0};
+    int m_frameLen[2] = {0, 0};
+    char *m_frame[2] = {nullptr, nullptr}; // frame being assembled, in the port's area
+    // Receive areas, with one largest frame of zeroed slack behind each so
+    // that a frame read by its count never leaves the allocation.
+    char m_area[2][ReceiveAreaSize + Rdv::MaxFrameSize] = {};
+
+    static Counters s_counters;
+};

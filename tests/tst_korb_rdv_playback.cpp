@@ -1,0 +1,356 @@
+// File playback with real clients: loading and its size limit, when the
+// playback timer runs, what is sent and in which order, garbage between
+// frames, pacing by the frames' own time stamps, and looping at the end.
+
+#include "src/korb_rdv_settings.h"
+#include "src/korb_rdv_wsserver.h"
+#include "support/rdv_test_encoder.h"
+#include "support/ws_test_client.h"
+
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <memory>
+#include <unistd.h>
+
+Q_DECLARE_METATYPE(RdvTest::FrameSpec)
+
+using RdvTest::FrameSpec;
+using RdvTest::WsTestClient;
+
+namespace {
+
+constexpr quint32 BaseSec = 1700000000;
+
+FrameSpec singleAt(int ms, quint16 samples = 16)
+{
+    return RdvTest::singleFrame(samples, BaseSec + quint32(ms / 1000), quint32(ms % 1000) * 1000000u);
+}
+
+FrameSpec channelAt(qint8 group, int ms, quint16 samples = 8)
+{
+    return RdvTest::channelFrame(group, samples, BaseSec + quint32(ms / 1000), quint32(ms % 1000) * 1000000u);
+}
+
+// Bytes that hold no valid header: no 0x78 except where a fake header is meant.
+QByteArray garbage(int n, quint32 seed)
+{
+    QByteArray g(n, Qt::Uninitialized);
+    for (int i = 0; i < n; ++i) {
+        seed = seed * 1664525u + 1013904223u;
+        char c = char(seed >> 24);
+        g[i] = c == 0x78 ? char(0x79) : c;
+    }
+    return g;
+}
+
+QWebSocket *socketArg(const QList<QVariant> &args)
+{
+    const QVariant &v = args.at(0);
+    return v.userType() == qMetaTypeId<QWebSocket *>() ? *static_cast<QWebSocket *const *>(v.constData())
+                                                       : nullptr;
+}
+
+} // namespace
+
+class TestRdvPlayback : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void init();
+    void cleanup();
+
+    void fileSizeLimit_data();
+    void fileSizeLimit();
+    void missingAndUnreadableFiles();
+    void firstClientStartsTimer();
+    void removeClientStopsAtOneDisconnectAtNone();
+    void imsRestartsTimer();
+    void playsFramesSkippingGarbageAndLoops();
+    void channelGroupsGoOutAsMaps();
+    void fasterFramesAreSkipped();
+    void fileWithoutFramesStopsPlayback();
+
+private:
+    QString writeFile(const QString &name, const QByteArray &bytes);
+    WsTestClient *connectClient();
+
+    std::unique_ptr<QTemporaryDir> m_dir;
+    std::unique_ptr<WebSocketServer> m_server;
+};
+
+void TestRdvPlayback::init()
+{
+    Korb::sendIntervalMs = 10;
+    Korb::maxPlaybackFileSize = Korb::DefaultMaxFileSize;
+    m_dir.reset(new QTemporaryDir);
+    QVERIFY(m_dir->isValid());
+    m_server.reset(new WebSocketServer(nullptr, 0));
+    QVERIFY(RdvTest::startOnFreePort(*m_server));
+}
+
+void TestRdvPlayback::cleanup()
+{
+    m_server.reset();
+    m_dir.reset();
+    Korb::sendIntervalMs = Korb::DefaultSendIntervalMs;
+}
+
+QString TestRdvPlayback::writeFile(const QString &name, const QByteArray &bytes)
+{
+    const QString path = m_dir->filePath(name);
+    QFile f(path);
+    if (!f.open(QIODevice::WriteOnly) || f.write(bytes) != bytes.size())
+        return QString();
+    return path;
+}
+
+WsTestClient *TestRdvPlayback::connectClient()
+{
+    auto *c = new WsTestClient(this);
+    const int before = m_server->clientCount();
+    if (!c->open(m_server->serverPort()))
+        return nullptr;
+    if (!QTest::qWaitFor([&] { return m_server->clientCount() == before + 1; }, 5000))
+        return nullptr;
+    return c;
+}
+
+void TestRdvPlayback::fileSizeLimit_data()
+{
+    QTest::addColumn<qint64>("size");
+    QTest::addColumn<bool>("accepted");
+    QTest::newRow("empty file") << qint64(0) << true;
+    QTest::newRow("exactly 67108864 bytes") << qint64(67108864) << true;
+    QTest::newRow("67108865 bytes") << qint64(67108865) << false;
+}
+
+void TestRdvPlayback::fileSizeLimit()
+{
+    QFETCH(qint64, size);
+    QFETCH(bool, accepted);
+    QCOMPARE(Korb::maxPlaybackFileSize, 67108864);
+
+    // A frame at the very end shows the whole file was read, not just the
+    // leading chunks; the rest of the file is a hole.
+    const QString path = m_dir->filePath(QStringLiteral("big.bin"));
+    {
+        QFile f(path);
+        QVERIFY(f.open(QIODevice::WriteOnly));
+        QVERIFY(f.resize(size));
+        if (size > 0) {
+            const QByteArray last = RdvTest::encodeFrame(singleAt(0, 0));
+            QVERIFY(f.seek(size - last.size()));
+            QCOMPARE(f.write(last), qint64(last.size()));
+        }
+    }
+    QCOMPARE(m_server->setFileNm(path), accepted);
+    if (!accepted || size == 0)
+        return;
+    WsTestClient *c = connectClient();
+    QVERIFY(c);
+    QVERIFY(m_server->playbackActive());
+    QTRY_VERIFY_WITH_TIMEOUT(!c->binaries.isEmpty(), 10000);
+    QCOMPARE(c->binaries.first(), RdvTest::expectedSinglePacket(singleAt(0, 0)));
+}
+
+void TestRdvPlayback::missingAndUnreadableFiles()
+{
+    QVERIFY(!m_server->setFileNm(m_dir->filePath(QStringLiteral("nothing-here.bin"))));
+    QVERIFY(!m_server->setFileNm(m_dir->path())); // a directory cannot be opened as a file
+    WsTestClient *c = connectClient();
+    QVERIFY(c);
+    QVERIFY(!m_server->playbackActive());
+
+    if (::geteuid() == 0)
+        QSKIP("running as root: a file without read permission is still readable");
+    const QString path = writeFile(QStringLiteral("locked.bin"), RdvTest::encodeFrame(singleAt(0)));
+    QVERIFY(QFile::setPermissions(path, QFileDevice::WriteOwner));
+    QVERIFY(!m_server->setFileNm(path));
+    QVERIFY(!m_server->playbackActive());
+}
+
+void TestRdvPlayback::firstClientStartsTimer()
+{
+    Korb::sendIntervalMs = 40;
+    const QString path =
+        writeFile(QStringLiteral("a.bin"), RdvTest::encodeStream({singleAt(0), singleAt(100)}));
+    QVERIFY(m_server->setFileNm(path));
+    QVERIFY(!m_server->playbackActive());
+    QTest::qWait(100);
+    QCOMPARE(m_server->playbackPackets(), qint64(0));
+
+    WsTestClient *c = connectClient();
+    QVERIFY(c);
+    QVERIFY(m_server->playbackActive());
+    QCOMPARE(m_server->playbackTimerInterval(), 40);
+    QTRY_VERIFY(!c->binaries.isEmpty());
+
+    // Loading a file while a client listens starts at once.
+    const QString other = writeFile(QStringLiteral("b.bin"), RdvTest::encodeStream({singleAt(0)}));
+    QVERIFY(m_server->setFileNm(other));
+    QVERIFY(m_server->playbackActive());
+}
+
+void TestRdvPlayback::removeClientStopsAtOneDisconnectAtNone()
+{
+    const QString path =
+        writeFile(QStringLiteral("a.bin"), RdvTest::encodeStream({singleAt(0), singleAt(50)}));
+    QVERIFY(m_server->setFileNm(path));
+    QSignalSpy connectedSpy(m_server.get(), &WebSocketServer::connected);
+
+    WsTestClient *a = connectClient();
+    WsTestClient *b = connectClient();
+    QVERIFY(a && b);
+    QVERIFY(m_server->playbackActive());
+
+    // A plain disconnect of one of two keeps playback going.
+    a->socket().close();
+    QTRY_COMPARE(m_server->clientCount(), 1);
+    QVERIFY(m_server->playbackActive());
+    // The last one leaving stops it.
+    b->socket().close();
+    QTRY_COMPARE(m_server->clientCount(), 0);
+    QVERIFY(!m_server->playbackActive());
+
+    // A new first client starts it again; removing one of two stops it.
+    WsTestClient *c = connectClient();
+    WsTestClient *d = connectClient();
+    QVERIFY(c && d);
+    QVERIFY(m_server->playbackActive());
+    QCOMPARE(connectedSpy.count(), 4);
+    QVERIFY(m_server->removeClient(quint64(quintptr(socketArg(connectedSpy.at(2))))));
+    QCOMPARE(m_server->clientCount(), 1);
+    QVERIFY(!m_server->playbackActive());
+    // The remaining client does not get packets any more.
+    const int got = d->binaryCount;
+    QTest::qWait(80);
+    QCOMPARE(d->binaryCount, got);
+}
+
+void TestRdvPlayback::imsRestartsTimer()
+{
+    Korb::sendIntervalMs = 50;
+    WsTestClient *c = connectClient();
+    QVERIFY(c);
+    // Without a file, "ims" only sets the interval.
+    c->socket().sendTextMessage(QStringLiteral("ims:30"));
+    QTRY_COMPARE(c->texts, QStringList{QStringLiteral("ims:30 OK")});
+    QVERIFY(!m_server->playbackActive());
+
+    const QString path =
+        writeFile(QStringLiteral("a.bin"), RdvTest::encodeStream({singleAt(0), singleAt(20)}));
+    QVERIFY(m_server->setFileNm(path));
+    QVERIFY(m_server->playbackActive());
+    QCOMPARE(m_server->playbackTimerInterval(), 30);
+
+    c->socket().sendTextMessage(QStringLiteral("ims:15"));
+    QTRY_COMPARE(c->texts.size(), 2);
+    QCOMPARE(c->texts.last(), QStringLiteral("ims:15 OK"));
+    QVERIFY(m_server->playbackActive());
+    QCOMPARE(m_server->playbackTimerInterval(), 15);
+
+    // A refused value leaves the timer alone.
+    c->socket().sendTextMessage(QStringLiteral("ims:1"));
+    QTRY_COMPARE(c->texts.size(), 3);
+    QCOMPARE(m_server->playbackTimerInterval(), 15);
+    const qint64 before = m_server->playbackPackets();
+    QTRY_VERIFY(m_server->playbackPackets() > before);
+}
+
+void TestRdvPlayback::playsFramesSkippingGarbageAndLoops()
+{
+    const FrameSpec f0 = singleAt(0, 3), f1 = singleAt(100, 40), f2 = singleAt(200, 0);
+
+    FrameSpec wrongKind = singleAt(150);
+    wrongKind.kind = 3;
+    FrameSpec tooMany = singleAt(150);
+    tooMany.sampleCount = 13001;
+    tooMany.payloadSamples = 4;
+    FrameSpec badMagic = singleAt(150);
+    badMagic.magic = 0x12345677;
+    FrameSpec cutOff = singleAt(250, 1000); // runs past the end of the file
+
+    QByteArray file = garbage(37, 1);
+    file += RdvTest::encodeFrame(f0) + garbage(2, 2) + RdvTest::encodeFrame(wrongKind) + garbage(5, 3);
+    file += RdvTest::encodeFrame(f1) + RdvTest::encodeFrame(tooMany) + RdvTest::encodeFrame(badMagic);
+    file += QByteArray("\x78\x56\x34\x12\x02", 5) + garbage(3, 4); // a magic too close to a header
+    file += RdvTest::encodeFrame(f2) + garbage(11, 5);
+    file += RdvTest::encodeFrame(cutOff).left(200);
+
+    const QString path = writeFile(QStringLiteral("garbage.bin"), file);
+    QVERIFY(m_server->setFileNm(path));
+    WsTestClient *c = connectClient();
+    QVERIFY(c);
+
+    const QList<QByteArray> pass{RdvTest::expectedSinglePacket(f0), RdvTest::expectedSinglePacket(f1),
+                                 RdvTest::expectedSinglePacket(f2)};
+    QTRY_VERIFY_WITH_TIMEOUT(c->binaries.size() >= 7, 10000);
+    // Frames 100 ms apart with a 10 ms timer: each is sent on its own, the
+    // pass ends at the cut-off frame and starts again from the beginning.
+    for (int i = 0; i < 7; ++i)
+        QCOMPARE(c->binaries.at(i), pass.at(i % 3));
+    QVERIFY(m_server->playbackPasses() >= 2);
+    QCOMPARE(m_server->playbackSkipped(), qint64(0));
+}
+
+void TestRdvPlayback::channelGroupsGoOutAsMaps()
+{
+    // Two groups at t=0, a single frame at 60, both groups again at 120.
+    const QList<FrameSpec> step0{channelAt(0, 0), channelAt(1, 0)};
+    const FrameSpec single = singleAt(60);
+    const QList<FrameSpec> step1{channelAt(0, 120, 12), channelAt(1, 120, 4)};
+    const QString path =
+        writeFile(QStringLiteral("groups.bin"),
+                  RdvTest::encodeStream({step0.at(1), step0.at(0), single, step1.at(0), step1.at(1)}));
+    QVERIFY(m_server->setFileNm(path));
+    WsTestClient *c = connectClient();
+    QVERIFY(c);
+    QTRY_VERIFY_WITH_TIMEOUT(c->binaries.size() >= 3, 10000);
+    QCOMPARE(c->binaries.at(0), RdvTest::expectedChannelPacket(step0));
+    QCOMPARE(c->binaries.at(1), RdvTest::expectedSinglePacket(single));
+    QCOMPARE(c->binaries.at(2), RdvTest::expectedChannelPacket(step1));
+}
+
+void TestRdvPlayback::fasterFramesAreSkipped()
+{
+    // 40 frames 2 ms apart against a 25 ms timer: a step finds several due
+    // frames and sends only the latest.
+    Korb::sendIntervalMs = 25;
+    QList<FrameSpec> frames;
+    QList<QByteArray> expected;
+    for (int i = 0; i < 40; ++i) {
+        frames << singleAt(2 * i, 2);
+        expected << RdvTest::expectedSinglePacket(frames.last());
+    }
+    QVERIFY(m_server->setFileNm(writeFile(QStringLiteral("fast.bin"), RdvTest::encodeStream(frames))));
+    WsTestClient *c = connectClient();
+    QVERIFY(c);
+    QTRY_VERIFY_WITH_TIMEOUT(m_server->playbackPasses() >= 1, 10000);
+    QTRY_VERIFY(m_server->playbackSkipped() > 0);
+    QTRY_VERIFY(c->binaryCount >= 2);
+    // Everything sent is one of the frames, in time order within a pass.
+    int last = -1;
+    for (const QByteArray &b : qAsConst(c->binaries)) {
+        const int idx = expected.indexOf(b);
+        QVERIFY(idx >= 0);
+        if (idx <= last) // a new pass
+            QVERIFY(m_server->playbackPasses() >= 1);
+        last = idx;
+    }
+    QVERIFY(c->binaryCount < 40 * qMax(1, m_server->playbackPasses()));
+}
+
+void TestRdvPlayback::fileWithoutFramesStopsPlayback()
+{
+    QVERIFY(m_server->setFileNm(writeFile(QStringLiteral("noise.bin"), garbage(100000, 9))));
+    WsTestClient *c = connectClient();
+    QVERIFY(c);
+    QVERIFY(m_server->playbackActive());
+    QTRY_VERIFY(!m_server->playbackActive());
+    QCOMPARE(c->binaryCount, 0);
+}
+
+QTEST_GUILESS_MAIN(TestRdvPlayback)
+#include "tst_korb_rdv_playback.moc"

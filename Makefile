@@ -11,6 +11,9 @@ DEB_PACKAGES := cmake g++ make qtbase5-dev libqt5websockets5-dev util-linux
 
 .PHONY: all build deps test test-plain test-asan demo clean format
 
+DEMO_PORT ?= 3005
+DEMO_FILE := build/demo/recording.rdv
+
 all: build
 
 deps:
@@ -39,6 +42,20 @@ test-asan: deps
 	cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DKORB_SANITIZE=ON
 	cmake --build build-asan -j$(JOBS)
 	cd build-asan && ASAN_OPTIONS=detect_leaks=1 ctest --output-on-failure -j$(JOBS)
+
+# The relay on an embedded default: a recording made by the simulator,
+# replayed in a loop to every client that connects.
+demo: build
+	@mkdir -p build/demo
+	@[ -s $(DEMO_FILE) ] || build/bin/korb_rdv_sim --write $(DEMO_FILE) --seconds 20
+	@echo
+	@echo "  KorbRdv_streamer demo: replaying $(DEMO_FILE)"
+	@echo "  WebSocket address : ws://localhost:$(DEMO_PORT)"
+	@echo "  viewer            : open file://$(CURDIR)/tools/viewer/index.html in a browser"
+	@echo "  command-line      : build/bin/korb_rdv_client ws://127.0.0.1:$(DEMO_PORT)"
+	@echo "  logs              : build/logs/   (Ctrl-C stops the relay)"
+	@echo
+	build/bin/KorbRdv_streamer -e -n KorbRdv.demo -p $(DEMO_PORT) -file=$(CURDIR)/$(DEMO_FILE) -nofile
 
 format:
 	git ls-files '*.cpp' '*.h' | xargs clang-format -i

@@ -1,7 +1,166 @@
-// Process entry: placeholder until the service wrapper lands.
+// Process entry of KorbRdv_streamer: prepares logging, installs the signal
+// handler, picks the instance name and hands over to the service framework.
 #include "logger/korb_log.h"
+#include "logger/korb_logger_light.h"
+#include "service/korb_service_app.h"
+#include "src/korb_env.h"
+#include "src/korb_rdv_server.h"
+#include "src/korb_rdv_settings.h"
 
-int main()
+#include <QCoreApplication>
+#include <QDir>
+#include <QPointer>
+#include <QTextCodec>
+#include <QTimer>
+
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+const char *signalDescription(int sig)
 {
-    return 0;
+    switch (sig) {
+    case SIGINT:
+        return "SIGINT interrupt";
+    case SIGILL:
+        return "SIGILL illegal instruction";
+    case SIGABRT:
+        return "SIGABRT 'abnormal termination triggered by abort call'";
+    case SIGFPE:
+        return "SIGFPE floating point exception";
+    case SIGSEGV:
+        return "SIGSEGV segment violation";
+    case SIGTERM:
+        return "SIGTERM 'Software termination signal from kill'";
+    default:
+        return nullptr;
+    }
+}
+
+// Logging, the object lookup and halt() run straight from the signal context:
+// the process ends right after, and the log line is what operators look for.
+void sig_handler(int sig)
+{
+    const char *description = signalDescription(sig);
+    if (!description) {
+        KLOG(nullptr, 0, QObject::tr("undefined signal %1 - ignore").arg(sig));
+        return;
+    }
+    KLOG(nullptr, -1,
+         QObject::tr("handle the signal '%1' - stop programm").arg(QString::fromLatin1(description)));
+    if (QCoreApplication *app = QCoreApplication::instance()) {
+        if (auto *server = app->findChild<KorbRdvStreamer *>(QStringLiteral("server"))) {
+            Korb::lastHandledSignal = sig;
+            QMetaObject::invokeMethod(server, "halt", Qt::AutoConnection);
+            QTimer::singleShot(10, server, &QObject::deleteLater);
+        }
+    }
+    ::exit(sig);
+}
+
+// Instance name: the argument after the first one that contains "-n" in any
+// letter case ("-nofile" and "-N" count too).
+QString instanceName(int argc, char **argv)
+{
+    QString name;
+    for (int i = 1; i < argc; ++i) {
+        if (QString::fromLocal8Bit(argv[i]).contains(QLatin1String("-n"), Qt::CaseInsensitive)) {
+            if (i + 1 < argc)
+                name = QString::fromLocal8Bit(argv[i + 1]);
+            break;
+        }
+    }
+    return name.isEmpty() ? QString::fromLatin1(KorbRdvStreamer::DefaultInstanceName) : name;
+}
+
+} // namespace
+
+class KorbService : public KorbServiceApp<QCoreApplication>
+{
+public:
+    KorbService(int argc, char **argv, const QString &name)
+        : KorbServiceApp<QCoreApplication>(argc, argv, name),
+          fixedName(QString::fromLatin1(KorbRdvStreamer::DefaultInstanceName))
+    {
+        setServiceDescription(QStringLiteral("%1 service '%2'").arg(name, fixedName));
+        setServiceFlags(1);
+        setStartupType(0);
+    }
+
+protected:
+    void start() override
+    {
+        QCoreApplication *app = application();
+        app->setObjectName(fixedName);
+        QDir::setCurrent(QCoreApplication::applicationDirPath());
+        Korb::setAppDir(QCoreApplication::applicationDirPath());
+
+        QCoreApplication::addLibraryPath(
+            Korb::getAbsPath(QStringLiteral("../plugins/qt5158_Linux.x64_gcc1220")));
+        QStringList found;
+        for (const char *dir :
+             {"../lib64", "../lib.x64", "../lib.amd64", "./lib64", "./lib.x64", "./lib.amd64"}) {
+            const QDir d(QString::fromLatin1(dir));
+            if (d.exists())
+                found << d.absolutePath();
+        }
+        for (const QString &path : qAsConst(found))
+            if (!QCoreApplication::libraryPaths().contains(path))
+                QCoreApplication::addLibraryPath(path);
+
+        const bool cmd =
+            QCoreApplication::arguments().join(QLatin1Char(' ')).indexOf(QLatin1String("-cmd")) > 0;
+
+        server = new KorbRdvStreamer(app, true);
+        QObject::connect(server, &QObject::destroyed, server, &KorbRdvStreamer::qExit);
+        QObject::connect(server, &KorbRdvStreamer::finished, app, &QCoreApplication::quit);
+
+        if (server->serviceFlag() > 0)
+            logMessage(
+                (cmd ? QStringLiteral("%1: send cmd'") : QStringLiteral("%1: started")).arg(server->label()),
+                3);
+    }
+
+    void stop() override
+    {
+        if (server)
+            server->deleteLater();
+        QCoreApplication::exit(0);
+    }
+
+    void pause() override
+    {
+        if (server)
+            server->pause();
+    }
+
+    void resume() override
+    {
+        if (server)
+            server->createConnect();
+    }
+
+    void processCommand(int) override {}
+
+private:
+    const QString fixedName;
+    QPointer<KorbRdvStreamer> server;
+};
+
+int main(int argc, char **argv)
+{
+    for (int sig : {SIGINT, SIGILL, SIGFPE, SIGSEGV, SIGTERM, SIGABRT})
+        std::signal(sig, sig_handler);
+
+    KorbLoggerLight *logger = KorbLoggerLight::instance();
+    logger->setCodec(QTextCodec::codecForName("UTF-8"));
+    Korb::logThreshold = 2;
+    logger->setConsoleLevel(0);
+    logger->setLogDir(Korb::getAbsPath(QStringLiteral("../logs")));
+    logger->setLoggerName(QStringLiteral("rdv"));
+
+    KorbService service(argc, argv, instanceName(argc, argv));
+    return service.exec();
 }

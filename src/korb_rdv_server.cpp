@@ -1,0 +1,514 @@
+#include "src/korb_rdv_server.h"
+
+#include "logger/korb_log.h"
+#include "logger/korb_logger_light.h"
+#include "service/korb_service_base.h"
+#include "src/korb_env.h"
+#include "src/korb_rdv_settings.h"
+#include "src/korb_rdv_tcp_cli.h"
+#include "src/korb_rdv_udp_cli.h"
+#include "src/korb_rdv_wsserver.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QFileInfo>
+#include <QFileSystemWatcher>
+#include <QLibraryInfo>
+#include <QLocale>
+#include <QSettings>
+#include <QSysInfo>
+#include <QTextCodec>
+#include <QThread>
+#include <QTimer>
+
+namespace {
+
+constexpr int StopStepMs = 25;
+
+// Whole-word options that take their value from the next argument.
+bool nextIsValue(const QStringList &args, int i)
+{
+    return i + 1 < args.size() && !args.at(i + 1).startsWith(QLatin1Char('-'));
+}
+
+// "-p" value: "0x.." is hexadecimal, otherwise decimal, else hexadecimal.
+bool parsePortValue(const QString &text, uint *value)
+{
+    bool ok = false;
+    if (text.size() > 2 && text.startsWith(QLatin1String("0x"), Qt::CaseInsensitive)) {
+        *value = text.mid(2).toUInt(&ok, 16);
+        return ok;
+    }
+    *value = text.toUInt(&ok, 10);
+    if (!ok)
+        *value = text.toUInt(&ok, 16);
+    return ok;
+}
+
+// "HOST", "HOST:PORT", "[v6]:PORT" or a bare IPv6 address.
+void splitDeviceAddress(const QString &text, QString *host, quint16 *port)
+{
+    *port = Korb::DefaultPort;
+    QString h = text.trimmed();
+    QString p;
+    if (h.startsWith(QLatin1Char('['))) {
+        const int close = h.indexOf(QLatin1Char(']'));
+        if (close > 0) {
+            if (h.mid(close + 1).startsWith(QLatin1Char(':')))
+                p = h.mid(close + 2);
+            h = h.mid(1, close - 1);
+        }
+    } else if (h.count(QLatin1Char(':')) == 1) {
+        const int colon = h.indexOf(QLatin1Char(':'));
+        p = h.mid(colon + 1);
+        h = h.left(colon);
+    }
+    bool ok = false;
+    const uint v = p.toUInt(&ok);
+    if (ok && v > 0 && v < 65536)
+        *port = quint16(v);
+    *host = h;
+}
+
+QString cpuFlag(bool on)
+{
+    return on ? QObject::tr("Да") : QObject::tr("Нет");
+}
+
+} // namespace
+
+KorbRdvStreamer::KorbRdvStreamer(QObject *parent, bool underService, const QStringList &arguments)
+    : QObject(parent)
+{
+    setObjectName(QStringLiteral("server"));
+    m_serviceFlag = underService ? 1 : 0;
+    const KorbServiceBase *service = KorbServiceBase::instance();
+    m_serviceName = service ? service->serviceName() : QString::fromLatin1(DefaultInstanceName);
+
+    m_wakeUpper = new QTimer(this);
+    m_wakeUpper->setObjectName(QStringLiteral("tmr_wakeUpper"));
+    m_wakeUpper->setInterval(1000);
+    connect(m_wakeUpper, &QTimer::timeout, this, &KorbRdvStreamer::slotTimerOneSecond);
+    connect(m_wakeUpper, &QObject::destroyed, this, &KorbRdvStreamer::del);
+
+    parseArguments(arguments.isEmpty() ? QCoreApplication::arguments() : arguments);
+
+    // -p values of 0, 1 and the rejected ones end here as 65535.
+    if (m_port == 0 || m_port > 65533)
+        m_port = Korb::DefaultPort;
+    if (m_deviceHost.isEmpty()) {
+        m_deviceHost = QString::fromLatin1(Korb::DefaultDeviceAddress);
+        m_devicePort = Korb::DefaultPort;
+    }
+
+    m_locked = takeInstanceLock();
+    if (!(m_udpPorts[0] && m_udpPorts[1]))
+        m_udpPorts[0] = m_udpPorts[1] = 0;
+
+    m_server = new WebSocketServer(this, m_port);
+    if (!m_server->start(m_port)) {
+        KTRACE << "no listen ws port" << m_port;
+        KLOG(this, -1,
+             tr("не удалось открыть порт WebSocket %1: %2").arg(m_port).arg(m_server->errorString()));
+        m_fatal = true;
+    }
+    if (m_replay && !m_server->setFileNm(m_replayFile))
+        KLOG(this, 0, tr("файл воспроизведения не загружен: %1").arg(m_replayFile));
+
+    KTRACE << "RDK-2: "
+           << QStringLiteral("%1 v.%2 ws port").arg(QLatin1String(ProgramName), QLatin1String(Version))
+           << m_port;
+
+    if (!m_locked || m_fatal) {
+        // Another instance owns this port, or the port cannot be served:
+        // leave with a failure status so that systemd may try again later.
+        m_fatal = true;
+        QTimer::singleShot(1, this, &KorbRdvStreamer::halt);
+        return;
+    }
+    QMetaObject::invokeMethod(this, "all_start", Qt::QueuedConnection);
+}
+
+KorbRdvStreamer::~KorbRdvStreamer()
+{
+    KLOG(this, 1, tr("завершение работы сервера %1").arg(QLatin1String(ProgramName)));
+    halt();
+    KLOG(this, 1, tr("приложение завершено"));
+    if (Korb::logThreshold > 3)
+        KLOG(this, 4, QStringLiteral("destruct - %1").arg(Korb::lastHandledSignal));
+    if (m_lock.isAttached())
+        m_lock.detach();
+}
+
+void KorbRdvStreamer::parseArguments(const QStringList &args)
+{
+    for (int i = 1; i < args.size(); ++i) {
+        const QString &a = args.at(i);
+        const QString value = a.mid(a.indexOf(QLatin1Char('=')) + 1);
+        if (a.startsWith(QLatin1String("-addr="))) {
+            splitDeviceAddress(value, &m_deviceHost, &m_devicePort);
+        } else if (a.startsWith(QLatin1String("-file="))) {
+            const QFileInfo fi(Korb::getAbsPath(value));
+            if (!value.isEmpty() && fi.isFile()) {
+                m_replay = true;
+                m_replayFile = fi.absoluteFilePath();
+            } else {
+                KTRACE << "err arg file: " << value;
+            }
+        } else if (a.startsWith(QLatin1String("-interval_ms="))) {
+            bool ok = false;
+            const uint v = value.toUInt(&ok);
+            if (ok && v >= uint(MinSendIntervalMs) && v <= 65535) {
+                Korb::sendIntervalMs = quint16(v);
+            } else {
+                KTRACE << "err arg interval_ms: " << value;
+                KTRACE << "arg interval_ms default: " << Korb::DefaultSendIntervalMs;
+                Korb::sendIntervalMs = Korb::DefaultSendIntervalMs;
+            }
+        } else if (a.startsWith(QLatin1String("-udp1=")) || a.startsWith(QLatin1String("-udp2="))) {
+            const int n = a.at(4) == QLatin1Char('1') ? 0 : 1;
+            bool ok = false;
+            const uint v = value.toUInt(&ok);
+            if (ok && v >= 1 && v <= 65534) {
+                m_udpPorts[n] = quint16(v);
+            } else if (n == 0) {
+                KTRACE << "err arg udp1: " << value;
+                KTRACE << "arg udp port 1 default: 0";
+            } else {
+                KTRACE << "err arg udp2: " << value;
+                KTRACE << "arg udp port 2 default: disable";
+            }
+        } else if (a.compare(QLatin1String("-nofile"), Qt::CaseInsensitive) == 0) {
+            m_noFile = true;
+            m_readingSuppressed = true;
+        } else if (a.compare(QLatin1String("-cfg"), Qt::CaseInsensitive) == 0) {
+            if (nextIsValue(args, i)) {
+                QString name = args.at(++i);
+                if (QFileInfo(name).isRelative()) {
+                    const QString etc = Korb::appDir() + QStringLiteral("/../etc");
+                    QDir().mkpath(etc);
+                    name = etc + QLatin1Char('/') + name;
+                }
+                m_configFile = QFileInfo(name).absoluteFilePath();
+            }
+        } else if (a.compare(QLatin1String("-p"), Qt::CaseInsensitive) == 0) {
+            if (nextIsValue(args, i)) {
+                uint v = 0;
+                if (parsePortValue(args.at(++i), &v))
+                    m_port = v > 1 ? quint16(v & 0xFFFF) : 65535;
+                else if (m_port == 0)
+                    m_port = 65535;
+            }
+        } else if (a.compare(QLatin1String("-lt"), Qt::CaseInsensitive) == 0) {
+            if (nextIsValue(args, i))
+                Korb::logThreshold = args.at(++i).toInt(&m_ltGiven);
+        } else if (a.compare(QLatin1String("-ld"), Qt::CaseInsensitive) == 0) {
+            if (nextIsValue(args, i)) {
+                const QString dir = Korb::getAbsPath(args.at(++i));
+                if (!dir.isEmpty()) {
+                    KorbLoggerLight::instance()->setLogDir(dir);
+                    m_ldGiven = true;
+                }
+            }
+        } else if (a.compare(QLatin1String("-tc"), Qt::CaseInsensitive) == 0) {
+            if (nextIsValue(args, i)) {
+                if (QTextCodec *codec = QTextCodec::codecForName(args.at(++i).toLatin1()))
+                    KorbLoggerLight::instance()->setCodec(codec);
+            }
+        } else if (a.compare(QLatin1String("-ps"), Qt::CaseInsensitive) == 0) {
+            if (nextIsValue(args, i))
+                ++i; // a port for a secure server this relay does not offer
+        }
+    }
+    if (m_configFile.isEmpty())
+        m_configFile = QFileInfo(Korb::appDir() + QStringLiteral("/../etc/") + QLatin1String(ProgramName) +
+                                 QStringLiteral(".ini"))
+                           .absoluteFilePath();
+}
+
+bool KorbRdvStreamer::takeInstanceLock()
+{
+    const QString key = QStringLiteral("%1-%2").arg(QLatin1String(ProgramName)).arg(m_port);
+    // A segment left by a crashed instance goes away once its last user
+    // detaches: attaching and detaching first clears such a stale segment.
+    {
+        QSharedMemory stale(key);
+        if (stale.attach())
+            stale.detach();
+    }
+    m_lock.setKey(key);
+    if (m_lock.create(1))
+        return true;
+    KLOG(this, -1,
+         tr("экземпляр %1 с портом %2 уже запущен: %3")
+             .arg(QLatin1String(ProgramName))
+             .arg(m_port)
+             .arg(m_lock.errorString()));
+    return false;
+}
+
+QString KorbRdvStreamer::label() const
+{
+    return m_serviceFlag > 0 ? tr("Служба: %1").arg(m_serviceName) : QString::fromLatin1(ProgramName);
+}
+
+QString KorbRdvStreamer::tempPath()
+{
+    const QString dir = Korb::getAbsPath(QStringLiteral("../tmp"));
+    QDir().mkpath(dir);
+    return dir;
+}
+
+QString KorbRdvStreamer::pidFilePath()
+{
+    return tempPath() + QStringLiteral("/%1-%2.pid").arg(QLatin1String(ProgramName)).arg(m_port);
+}
+
+void KorbRdvStreamer::all_start()
+{
+    if (m_replay)
+        return;
+    if (!init())
+        KLOG(this, -1, tr("выход из приложения"));
+}
+
+void KorbRdvStreamer::writeBanner()
+{
+    const QString build = QStringLiteral(__DATE__ " " __TIME__);
+    KLOG(this, 1,
+         tr("%1 | Версия ПО: %2 v.%3 (сборка от %4) | Revision SVN %5 | Powered by Qt%6-%7")
+             .arg(QLatin1String(ProgramName), QStringLiteral("Korb"), QLatin1String(Version), build,
+                  QStringLiteral(KORB_REVISION), QStringLiteral(QT_VERSION_STR), QStringLiteral("gcc1220")));
+    KLOG(this, 1, tr("Версия фреймворка Qt:\t%1").arg(QLatin1String(qVersion())));
+    QT_WARNING_PUSH
+    QT_WARNING_DISABLE_DEPRECATED
+    KLOG(this, 1, tr("Тип лицензирования Qt:\t%1").arg(QLibraryInfo::licensee()));
+    QT_WARNING_POP
+    KLOG(this, 1, tr("Версия %1:\t%2").arg(QLatin1String(ProgramName), QLatin1String(Version)));
+    KLOG(this, 1, tr("Ревизия %1:\tr%2").arg(QStringLiteral("SVN"), QStringLiteral(KORB_REVISION)));
+    KLOG(this, 1, tr("Компилятор:\t%1%2").arg(QStringLiteral("gcc"), QStringLiteral(__VERSION__)));
+    KLOG(this, 1, tr("Скомпилировано для:\t%1").arg(QSysInfo::buildCpuArchitecture()));
+    KLOG(this, 1, tr("Время сборки:\t%1").arg(build));
+    const QLocale locale;
+    KLOG(this, 1,
+         tr("Установленная локаль:\t%1 (%2-%3)")
+             .arg(locale.name(), locale.nativeLanguageName(), locale.nativeCountryName()));
+
+    struct Feature
+    {
+        const char *name;
+        bool on;
+    };
+    __builtin_cpu_init();
+    const Feature features[] = {
+        {"SSE2", __builtin_cpu_supports("sse2") != 0},
+        {"SSSE3", __builtin_cpu_supports("ssse3") != 0},
+        {"SSE4.1", __builtin_cpu_supports("sse4.1") != 0},
+        {"SSE4.2", __builtin_cpu_supports("sse4.2") != 0},
+        {"AVX", __builtin_cpu_supports("avx") != 0},
+        {"AVX2", __builtin_cpu_supports("avx2") != 0},
+        {"AVX512F", __builtin_cpu_supports("avx512f") != 0},
+        {"AVX512BW", __builtin_cpu_supports("avx512bw") != 0},
+        {"AVX512CD", __builtin_cpu_supports("avx512cd") != 0},
+        {"AVX512DQ", __builtin_cpu_supports("avx512dq") != 0},
+        {"AVX512ER", __builtin_cpu_supports("avx512er") != 0},
+        {"AVX512IFMA", __builtin_cpu_supports("avx512ifma") != 0},
+        {"AVX512PF", __builtin_cpu_supports("avx512pf") != 0},
+        {"AVX512VBMI", __builtin_cpu_supports("avx512vbmi") != 0},
+        {"AVX512VL", __builtin_cpu_supports("avx512vl") != 0},
+    };
+    for (const Feature &f : features)
+        KLOG(this, 1, tr("Поддержка %1:\t%2").arg(QLatin1String(f.name), cpuFlag(f.on)));
+}
+
+bool KorbRdvStreamer::writePidFile()
+{
+    QFile pid(pidFilePath());
+    if (!pid.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
+        KLOG(this, 0, tr("не записан файл %1: %2").arg(pid.fileName(), pid.errorString()));
+        return false;
+    }
+    pid.write(QByteArray::number(QCoreApplication::applicationPid()) + '\n');
+    return true;
+}
+
+void KorbRdvStreamer::createTcpClient()
+{
+    // With the default address the device port is our own WebSocket port:
+    // connecting would only talk to ourselves.
+    const QHostAddress device(m_deviceHost);
+    if ((device.isLoopback() || m_deviceHost == QLatin1String("localhost")) && m_devicePort == m_port) {
+        KLOG(this, 1,
+             tr("TCP-клиент не создан: адрес устройства %1:%2 совпадает с собственным портом WebSocket")
+                 .arg(m_deviceHost)
+                 .arg(m_devicePort));
+        return;
+    }
+    auto *tcp = new KorbRdvStreamerTcp(this, m_server, m_server, m_deviceHost, m_devicePort);
+    connect(tcp, &QObject::destroyed, this, &KorbRdvStreamer::del);
+    m_tcpClients.insert(m_devicePort, tcp);
+}
+
+bool KorbRdvStreamer::init()
+{
+    writeBanner();
+    KLOG(this, 1, tr("установлен порог логирования: %1").arg(Korb::logThreshold));
+    if (!writePidFile())
+        return false;
+    KLOG(this, 1, tr("инициализация завершена"));
+    if (m_tcpClients.isEmpty())
+        createTcpClient();
+    if (!createConnect())
+        return false;
+    KLOG(this, 1, tr("установлен интервал отправки: %1").arg(Korb::sendIntervalMs));
+    m_wakeUpper->start();
+    iniR(QString());
+    return true;
+}
+
+bool KorbRdvStreamer::createConnect()
+{
+    for (const QPointer<KorbRdvStreamerTcp> &tcp : qAsConst(m_tcpClients))
+        if (tcp)
+            tcp->rearm();
+    bool ok = true;
+    if (m_udpPorts[0] && m_udpPorts[1]) {
+        delete m_udp;
+        m_udp = new KorbRdvStreamerUdp(this, m_server, m_server, m_udpPorts[0], m_udpPorts[1]);
+        m_udp->setLocalAddress(QHostAddress(QHostAddress::AnyIPv4));
+        if (!m_udp->bind()) {
+            KLOG(this, -1, tr("init() завершено с ошибкой"));
+            m_fatal = true;
+            QTimer::singleShot(1, this, &KorbRdvStreamer::halt);
+            ok = false;
+        }
+    }
+    // Cleared so that a second call does not open a second receiver.
+    m_udpPorts[0] = m_udpPorts[1] = 0;
+    return ok;
+}
+
+void KorbRdvStreamer::pause()
+{
+    for (const QPointer<KorbRdvStreamerTcp> &tcp : qAsConst(m_tcpClients))
+        if (tcp)
+            tcp->stop();
+    QFile::remove(pidFilePath());
+}
+
+void KorbRdvStreamer::logSeparator(QChar fill)
+{
+    KLOG(this, 1, QString().leftJustified(133, fill));
+}
+
+void KorbRdvStreamer::stopSequence(const QString &firstText)
+{
+    logSeparator(QLatin1Char('-'));
+    KLOG(this, 1, firstText);
+    KorbLoggerLight *logger = KorbLoggerLight::instance();
+    if (logger->hasAccumulated()) {
+        KLOG(this, 1, tr("сбросить в лог накопившиеся сообщения"));
+        logSeparator(QLatin1Char('-'));
+        logger->flushAccumulated();
+        logSeparator(QLatin1Char('-'));
+        KLOG(this, 1, tr("фильтр сообщений сброшен"));
+    }
+    logger->resetFilter();
+    QTimer::singleShot(StopStepMs, this, &KorbRdvStreamer::final);
+}
+
+void KorbRdvStreamer::halt()
+{
+    (void)children(); // a snapshot taken and left alone
+    stopSequence(tr("приступил к останову приложения"));
+    KLOG(this, 1, tr("к останову приложения готов"));
+}
+
+void KorbRdvStreamer::end()
+{
+    stopSequence(tr("приступил к останову постов"));
+    KLOG(this, -1, QString(54, QLatin1Char('#')));
+    QTimer::singleShot(StopStepMs, this, &KorbRdvStreamer::final);
+    KLOG(this, 1, tr("завершения работы постов окончено"));
+}
+
+void KorbRdvStreamer::restart()
+{
+    end();
+    init();
+}
+
+void KorbRdvStreamer::final()
+{
+    KLOG(this, 1, tr("остановка приложения"));
+    if (m_fatal) {
+        // A start-up that cannot serve ends with a failure status.
+        QTimer::singleShot(StopStepMs, this, [] { QCoreApplication::exit(1); });
+        return;
+    }
+    QTimer::singleShot(StopStepMs, this, &KorbRdvStreamer::finished);
+}
+
+void KorbRdvStreamer::slotTimerOneSecond()
+{
+    // Only wakes the event loop once a second.
+}
+
+void KorbRdvStreamer::del(QObject *object)
+{
+    if (!object)
+        return;
+    const QString name = object->objectName().isEmpty()
+                             ? QString::fromLatin1(object->metaObject()->className())
+                             : object->objectName();
+    KLOG(this, 5, tr("удален объект '%1'").arg(name));
+    if (object == m_wakeUpper)
+        m_wakeUpper = nullptr;
+}
+
+void KorbRdvStreamer::qExit(QObject *)
+{
+    if (Korb::lastHandledSignal != 0)
+        ::exit(Korb::lastHandledSignal);
+}
+
+void KorbRdvStreamer::iniR(const QString &path)
+{
+    if (m_readingSuppressed)
+        return;
+    const QString etc = Korb::appDir() + QStringLiteral("/../etc");
+    if (!Korb::setCurrentDir(etc))
+        return;
+    KorbLoggerLight::instance()->resetFilter();
+    logSeparator(QLatin1Char('~'));
+    KLOG(this, 1,
+         path.isEmpty() ? tr("считываются локальные ip-адреса и файл конфигурации")
+                        : tr("конфигурационный файл был изменен"));
+    const QString file = path.isEmpty() ? m_configFile : path;
+    {
+        QSettings settings(file, QSettings::IniFormat);
+        settings.setIniCodec(QTextCodec::codecForName("System"));
+        // The group is reserved for the device domains of a later version.
+        settings.beginGroup(QStringLiteral("domains"));
+        settings.endGroup();
+        settings.sync();
+    }
+    // Deliberate pause that keeps the application responsive: an editor that
+    // saves in several steps has finished before the next reading.
+    QElapsedTimer wait;
+    wait.start();
+    while (wait.elapsed() <= 349) {
+        if (QCoreApplication::instance())
+            QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+        QThread::msleep(10);
+    }
+    if (!m_watcher) {
+        m_watcher = new QFileSystemWatcher(this);
+        m_watcher->addPath(file);
+        connect(m_watcher, &QFileSystemWatcher::fileChanged, this, &KorbRdvStreamer::iniR);
+    }
+    Korb::setCurrentDir(Korb::appDir());
+    logSeparator(QLatin1Char('~'));
+}

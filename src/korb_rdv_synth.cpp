@@ -4,17 +4,22 @@
 
 #include <cmath>
 #include <cstring>
+#include <vector>
 
 namespace {
 
 constexpr double TwoPi = 6.283185307179586;
 
-template <typename T> void putAt(QByteArray &frame, std::size_t offset, T value)
+// Frames are put together in a plain vector and copied into a QByteArray at
+// the end; the generator is not on any hot path.
+using Bytes = std::vector<uchar>;
+
+template <typename T> void putAt(Bytes &frame, std::size_t offset, T value)
 {
     qToLittleEndian<T>(value, frame.data() + offset);
 }
 
-void putFloatAt(QByteArray &frame, std::size_t offset, float value)
+void putFloatAt(Bytes &frame, std::size_t offset, float value)
 {
     quint32 bits;
     std::memcpy(&bits, &value, 4);
@@ -50,7 +55,7 @@ QByteArray KorbRdvSynth::channelFrame(qint8 group, int samples) const
 {
     samples = clampSamples(samples);
     using F = RdvChannelFrame;
-    QByteArray f(Rdv::HeaderSize + samples * Rdv::Kind1SampleSize, '\0');
+    Bytes f(size_t(Rdv::HeaderSize + samples * Rdv::Kind1SampleSize), 0);
     quint32 sec, nsec;
     stepTime(&sec, &nsec);
     putAt<quint32>(f, offsetof(F, magic), Rdv::Magic);
@@ -74,7 +79,7 @@ QByteArray KorbRdvSynth::channelFrame(qint8 group, int samples) const
     const double cycles = 2.0 + 1.5 * double(group & 0x0F); // per frame
     const double amplitude = 1000.0 * (1.0 + 0.25 * double(group & 0x0F));
     const quint64 first = m_step * quint64(samples);
-    char *p = f.data() + Rdv::HeaderSize;
+    uchar *p = f.data() + Rdv::HeaderSize;
     for (int i = 0; i < samples; ++i) {
         const double x = double(first + quint64(i)) / double(qMax(1, samples));
         const float v = float(amplitude * std::sin(TwoPi * cycles * x));
@@ -82,14 +87,14 @@ QByteArray KorbRdvSynth::channelFrame(qint8 group, int samples) const
         std::memcpy(&bits, &v, 4);
         qToLittleEndian<quint32>(bits, p + 4 * i);
     }
-    return f;
+    return QByteArray(reinterpret_cast<const char *>(f.data()), int(f.size()));
 }
 
 QByteArray KorbRdvSynth::singleFrame(int samples) const
 {
     samples = clampSamples(samples);
     using F = RdvFrame;
-    QByteArray f(Rdv::HeaderSize + samples * Rdv::Kind2SampleSize, '\0');
+    Bytes f(size_t(Rdv::HeaderSize + samples * Rdv::Kind2SampleSize), 0);
     quint32 sec, nsec;
     stepTime(&sec, &nsec);
     putAt<quint32>(f, offsetof(F, magic), Rdv::Magic);
@@ -109,7 +114,7 @@ QByteArray KorbRdvSynth::singleFrame(int samples) const
 
     // A phasor whose frequency sweeps slowly from step to step.
     const double cycles = 3.0 + 2.0 * std::sin(double(m_step) * 0.05);
-    char *p = f.data() + Rdv::HeaderSize;
+    uchar *p = f.data() + Rdv::HeaderSize;
     for (int i = 0; i < samples; ++i) {
         const double ph = TwoPi * cycles * double(i) / double(qMax(1, samples));
         const float re = float(800.0 * std::cos(ph));
@@ -120,7 +125,7 @@ QByteArray KorbRdvSynth::singleFrame(int samples) const
         std::memcpy(&bits, &im, 4);
         qToLittleEndian<quint32>(bits, p + 8 * i + 4);
     }
-    return f;
+    return QByteArray(reinterpret_cast<const char *>(f.data()), int(f.size()));
 }
 
 QByteArray KorbRdvSynth::nextStep()

@@ -33,6 +33,14 @@ WebSocketServer::WebSocketServer(QObject *parent, quint16 port)
 WebSocketServer::~WebSocketServer()
 {
     stopPlaybackTimer();
+    // The remaining clients go with the server; their disconnected() must not
+    // reach a server that is half destroyed.
+    const auto clients = m_clients.keys();
+    m_clients.clear();
+    for (QWebSocket *socket : clients) {
+        socket->disconnect(this);
+        delete socket;
+    }
 }
 
 bool WebSocketServer::start(quint16 port)
@@ -81,6 +89,9 @@ void WebSocketServer::onNewConnection()
     QWebSocket *socket = nextPendingConnection();
     if (!socket)
         return;
+    // Owned by the server: sockets released with deleteLater that the event
+    // loop never reaches again still go when the server goes.
+    socket->setParent(this);
     socket->setProxy(QNetworkProxy::NoProxy);
     socket->setMaxAllowedIncomingMessageSize(MaxClientMessageSize);
     socket->setMaxAllowedIncomingFrameSize(MaxClientMessageSize);
@@ -119,8 +130,6 @@ bool WebSocketServer::removeClient(quint64 descriptor)
     }
     QWebSocket *socket = it.value();
     m_clients.erase(it);
-    // Its disconnected() would arrive after the entry is gone; nothing to do then.
-    disconnect(socket, &QWebSocket::disconnected, this, &WebSocketServer::onDisconnected);
     socket->close(QWebSocketProtocol::CloseCodeNormal, QString());
     socket->deleteLater();
     // Deliberately "at most one": the last remaining listener does not keep

@@ -1,0 +1,120 @@
+#include "support/streamer_process.h"
+
+#include <QDir>
+#include <QElapsedTimer>
+#include <QRandomGenerator>
+#include <QTcpServer>
+#include <QTcpSocket>
+#include <QThread>
+#include <QUdpSocket>
+
+#include <csignal>
+
+StreamerProcess::StreamerProcess()
+{
+    m_name = QStringLiteral("KorbE2E%1").arg(QRandomGenerator::global()->bounded(1000000));
+}
+
+StreamerProcess::~StreamerProcess()
+{
+    if (m_process.state() != QProcess::NotRunning) {
+        m_process.terminate();
+        if (!m_process.waitForFinished(5000)) {
+            m_process.kill();
+            m_process.waitForFinished(2000);
+        }
+    }
+}
+
+quint16 StreamerProcess::freeTcpPort()
+{
+    QTcpServer probe;
+    probe.listen(QHostAddress::LocalHost, 0);
+    return probe.serverPort();
+}
+
+quint16 StreamerProcess::freeUdpPort()
+{
+    QUdpSocket probe;
+    probe.bind(QHostAddress(QHostAddress::LocalHost), 0);
+    return probe.localPort();
+}
+
+QString StreamerProcess::url() const
+{
+    return QStringLiteral("ws://127.0.0.1:%1").arg(m_port);
+}
+
+bool StreamerProcess::start(const QStringList &extra, QString *why)
+{
+    if (!m_dir.isValid()) {
+        *why = QStringLiteral("no temporary directory");
+        return false;
+    }
+    m_port = freeTcpPort();
+    QStringList args{QStringLiteral("-e"),    QStringLiteral("-n"),  m_name,  QStringLiteral("-p"),
+                     QString::number(m_port), QStringLiteral("-ld"), logDir()};
+    args += extra;
+    m_process.setProcessChannelMode(QProcess::SeparateChannels);
+    m_process.start(QStringLiteral(KORB_STREAMER_BIN), args);
+    if (!m_process.waitForStarted(5000)) {
+        *why = QStringLiteral("the daemon did not start: ") + m_process.errorString();
+        return false;
+    }
+    QElapsedTimer t;
+    t.start();
+    while (t.elapsed() < 15000) {
+        if (m_process.state() == QProcess::NotRunning) {
+            *why = QStringLiteral("the daemon ended: ") +
+                   QString::fromLocal8Bit(m_process.readAllStandardError());
+            return false;
+        }
+        QTcpSocket probe;
+        probe.connectToHost(QHostAddress::LocalHost, m_port);
+        if (probe.waitForConnected(200)) {
+            probe.abort();
+            return true;
+        }
+        QThread::msleep(50);
+    }
+    *why = QStringLiteral("the daemon did not listen on port %1").arg(m_port);
+    return false;
+}
+
+QString StreamerProcess::logText() const
+{
+    QString text;
+    const QDir dir(logDir());
+    for (const QString &name : dir.entryList({QStringLiteral("*.txt")}, QDir::Files, QDir::Name)) {
+        QFile f(dir.filePath(name));
+        if (f.open(QIODevice::ReadOnly))
+            text += QString::fromUtf8(f.readAll());
+    }
+    return text;
+}
+
+int StreamerProcess::stopWith(int signal)
+{
+    if (m_process.state() == QProcess::NotRunning)
+        return -1;
+    ::kill(pid_t(m_process.processId()), signal);
+    if (!m_process.waitForFinished(10000))
+        return -1;
+    return m_process.exitStatus() == QProcess::NormalExit ? m_process.exitCode() : -1;
+}
+
+StreamerProcess::Result StreamerProcess::run(const QStringList &arguments, int timeoutMs)
+{
+    Result r;
+    QProcess p;
+    p.start(QStringLiteral(KORB_STREAMER_BIN), arguments);
+    if (!p.waitForFinished(timeoutMs)) {
+        p.kill();
+        p.waitForFinished(2000);
+        return r;
+    }
+    r.exitCode = p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1;
+    r.out = p.readAllStandardOutput();
+    r.err = p.readAllStandardError();
+    return r;
+}

@@ -418,7 +418,6 @@ void WebSocketServer::timerEvent(QTimerEvent *event)
     const char *buf = m_playBuf.get();
     const qint64 elapsed = m_playClock.elapsed();
     const RdvFrame *single = nullptr;
-    bool lastWasChannel = false;
     int due = 0;
     int channelsThisStep = 0;
     bool refreshed[256] = {};
@@ -463,7 +462,6 @@ void WebSocketServer::timerEvent(QTimerEvent *event)
         ++due;
         if (Rdv::kind(f) == 2) {
             single = reinterpret_cast<const RdvFrame *>(f);
-            lastWasChannel = false;
         } else {
             const qint8 g = Rdv::group(f);
             // Overwriting a group already refreshed in this step drops that frame.
@@ -472,7 +470,6 @@ void WebSocketServer::timerEvent(QTimerEvent *event)
                 refreshed[quint8(g)] = true;
                 ++channelsThisStep;
             }
-            lastWasChannel = true;
         }
         pos += len;
     }
@@ -482,7 +479,11 @@ void WebSocketServer::timerEvent(QTimerEvent *event)
         int sentFrames = 0;
         if (!m_clients.isEmpty()) {
             m_lastPacketSize = 0;
-            if (lastWasChannel) {
+            // When both kinds fell due in this step, take turns, so that
+            // neither the channel groups nor the single frames starve.
+            const bool sendChannel = channelsThisStep > 0 && (!single || !m_lastSentWasChannel);
+            m_lastSentWasChannel = sendChannel;
+            if (sendChannel) {
                 sendRdv(m_playMap);
                 // Only the groups refreshed in this step count as sent now.
                 sentFrames = channelsThisStep;

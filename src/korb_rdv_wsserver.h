@@ -120,6 +120,7 @@ private:
     qint64 m_passSkipped = 0;
     int m_playPasses = 0;
 
+    bool m_lastSentWasChannel = false;
     int m_lastPacketSize = 0;
     qint64 m_backlogSkips = 0;
 

@@ -70,6 +70,7 @@ private slots:
     void playsFramesSkippingGarbageAndLoops();
     void channelGroupsGoOutAsMaps();
     void fasterFramesAreSkipped();
+    void mixedStepsTakeTurns();
     void fileWithoutFramesStopsPlayback();
 
 private:
@@ -340,6 +341,25 @@ void TestRdvPlayback::fasterFramesAreSkipped()
         last = idx;
     }
     QVERIFY(c->binaryCount < 40 * qMax(1, m_server->playbackPasses()));
+}
+
+void TestRdvPlayback::mixedStepsTakeTurns()
+{
+    // Every 10 ms two groups and then a single frame, against a 25 ms timer:
+    // each step finds both kinds due, and neither may starve the other.
+    Korb::sendIntervalMs = 25;
+    QList<FrameSpec> frames;
+    for (int i = 0; i < 60; ++i)
+        frames << channelAt(0, 10 * i) << channelAt(1, 10 * i) << singleAt(10 * i);
+    QVERIFY(m_server->setFileNm(writeFile(QStringLiteral("mixed.bin"), RdvTest::encodeStream(frames))));
+    WsTestClient *c = connectClient();
+    QVERIFY(c);
+    QTRY_VERIFY_WITH_TIMEOUT(c->binaries.size() >= 8, 10000);
+    // The third fixed word tells the layouts apart: 4 single frame, 3 channel map.
+    auto isChannel = [](const QByteArray &p) { return qFromLittleEndian<qint16>(p.constData() + 4) == 3; };
+    for (int i = 1; i < 8; ++i)
+        QVERIFY2(isChannel(c->binaries.at(i)) != isChannel(c->binaries.at(i - 1)),
+                 qPrintable(QString::number(i)));
 }
 
 void TestRdvPlayback::fileWithoutFramesStopsPlayback()

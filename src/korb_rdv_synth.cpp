@@ -48,7 +48,9 @@ void KorbRdvSynth::stepTime(quint32 *sec, quint32 *nsec) const
 {
     const quint64 ms = m_step * quint64(m_options.periodMs);
     *sec = m_options.startSec + quint32(ms / 1000);
-    *nsec = quint32((ms % 1000) * 1000000);
+    // A quarter millisecond past the step: the millisecond time stays, and
+    // the sub-second part is never 0 (whose rate field would be infinite).
+    *nsec = quint32((ms % 1000) * 1000000 + 250000);
 }
 
 QByteArray KorbRdvSynth::channelFrame(qint8 group, int samples) const
@@ -75,17 +77,17 @@ QByteArray KorbRdvSynth::channelFrame(qint8 group, int samples) const
     putFloatAt(f, offsetof(F, floatB), 1.0f + 0.25f * group);
     putAt<qint32>(f, offsetof(F, intB), qint32(m_step));
 
-    // Continuous sine across steps: the phase follows the sample counter.
+    // Continuous sine and cosine across steps: the phase follows the sample
+    // counter. A 4-byte sample carries two signed 16-bit values, as the
+    // relay's CSV dump, the client and the viewer read them.
     const double cycles = 2.0 + 1.5 * double(group & 0x0F); // per frame
     const double amplitude = 1000.0 * (1.0 + 0.25 * double(group & 0x0F));
     const quint64 first = m_step * quint64(samples);
     uchar *p = f.data() + Rdv::HeaderSize;
     for (int i = 0; i < samples; ++i) {
-        const double x = double(first + quint64(i)) / double(qMax(1, samples));
-        const float v = float(amplitude * std::sin(TwoPi * cycles * x));
-        quint32 bits;
-        std::memcpy(&bits, &v, 4);
-        qToLittleEndian<quint32>(bits, p + 4 * i);
+        const double ph = TwoPi * cycles * double(first + quint64(i)) / double(qMax(1, samples));
+        qToLittleEndian<qint16>(qint16(std::lround(amplitude * std::sin(ph))), p + 4 * i);
+        qToLittleEndian<qint16>(qint16(std::lround(0.5 * amplitude * std::cos(ph))), p + 4 * i + 2);
     }
     return QByteArray(reinterpret_cast<const char *>(f.data()), int(f.size()));
 }
@@ -112,18 +114,14 @@ QByteArray KorbRdvSynth::singleFrame(int samples) const
     putAt<qint16>(f, offsetof(F, word46), 46);
     putAt<qint32>(f, offsetof(F, intB), qint32(m_step));
 
-    // A phasor whose frequency sweeps slowly from step to step.
+    // A phasor whose frequency sweeps slowly from step to step; an 8-byte
+    // sample carries two signed 32-bit values (real, imaginary).
     const double cycles = 3.0 + 2.0 * std::sin(double(m_step) * 0.05);
     uchar *p = f.data() + Rdv::HeaderSize;
     for (int i = 0; i < samples; ++i) {
         const double ph = TwoPi * cycles * double(i) / double(qMax(1, samples));
-        const float re = float(800.0 * std::cos(ph));
-        const float im = float(800.0 * std::sin(ph));
-        quint32 bits;
-        std::memcpy(&bits, &re, 4);
-        qToLittleEndian<quint32>(bits, p + 8 * i);
-        std::memcpy(&bits, &im, 4);
-        qToLittleEndian<quint32>(bits, p + 8 * i + 4);
+        qToLittleEndian<qint32>(qint32(std::lround(800000.0 * std::cos(ph))), p + 8 * i);
+        qToLittleEndian<qint32>(qint32(std::lround(800000.0 * std::sin(ph))), p + 8 * i + 4);
     }
     return QByteArray(reinterpret_cast<const char *>(f.data()), int(f.size()));
 }

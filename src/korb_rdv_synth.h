@@ -6,8 +6,9 @@
 
 // Synthetic device data for the simulator, the benchmarks and the demo: a
 // steady stream of acquisition steps, each holding one kind-1 frame per
-// channel group (float sine waves of different frequency per group) and,
-// every few steps, one kind-2 frame (pairs of float I/Q samples of a
+// channel group (sine and cosine as pairs of signed 16-bit values, a different frequency per
+// group) and,
+// every few steps, one kind-2 frame (pairs of signed 32-bit I/Q samples of a
 // rotating phasor). Time stamps advance by a fixed period.
 class KorbRdvSynth
 {

@@ -8,6 +8,9 @@ SUDO  := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
 # Debian packages the build and the tests need.
 DEB_PACKAGES := cmake g++ make qtbase5-dev libqt5websockets5-dev util-linux
+# The browser viewer's tests also want node, npm and chromium (installed
+# below when their commands are missing); where they cannot be had, those
+# tests skip.
 
 .PHONY: all build deps test test-plain test-asan demo clean format
 
@@ -25,6 +28,21 @@ deps:
 	  echo "installing:$$missing"; \
 	  $(SUDO) apt-get update -qq && \
 	  DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq --no-install-recommends $$missing; \
+	fi
+	@missing=""; \
+	command -v node >/dev/null || missing="$$missing nodejs"; \
+	command -v npm >/dev/null || missing="$$missing npm"; \
+	command -v chromium >/dev/null || missing="$$missing chromium"; \
+	if [ -n "$$missing" ]; then \
+	  echo "installing for the viewer tests:$$missing"; \
+	  ( $(SUDO) apt-get update -qq && \
+	    DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq --no-install-recommends $$missing ) \
+	  || echo "could not install$$missing: the browser viewer tests will be skipped"; \
+	fi
+	@# playwright-core only drives the system Chromium; it never downloads a browser.
+	@if command -v npm >/dev/null && [ ! -d tools/viewer/node_modules/playwright-core ]; then \
+	  (cd tools/viewer && npm ci --no-audit --no-fund --loglevel=error) \
+	  || echo "npm ci failed: the browser viewer tests will be skipped"; \
 	fi
 
 build: deps
@@ -51,8 +69,8 @@ demo: build
 	@echo
 	@echo "  KorbRdv_streamer demo: replaying $(DEMO_FILE)"
 	@echo "  WebSocket address : ws://localhost:$(DEMO_PORT)"
-	@echo "  viewer            : open file://$(CURDIR)/tools/viewer/index.html in a browser"
-	@echo "  command-line      : build/bin/korb_rdv_client ws://127.0.0.1:$(DEMO_PORT)"
+	@echo "  viewer            : open file://$(CURDIR)/tools/viewer/index.html?url=ws://localhost:$(DEMO_PORT) in a browser"
+	@echo "  command-line      : build/bin/korb_rdv_client ws://127.0.0.1:$(DEMO_PORT) --cmd ims:100 --count 200"
 	@echo "  logs              : build/logs/   (Ctrl-C stops the relay)"
 	@echo
 	build/bin/KorbRdv_streamer -e -n KorbRdv.demo -p $(DEMO_PORT) -file=$(CURDIR)/$(DEMO_FILE) -nofile

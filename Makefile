@@ -39,6 +39,12 @@ deps:
 	    DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq --no-install-recommends $$missing ) \
 	  || echo "could not install$$missing: the browser viewer tests will be skipped"; \
 	fi
+	@# The service tests boot a throwaway systemd container where they can;
+	@# its package must match the installed systemd exactly.
+	@if ! command -v systemd-nspawn >/dev/null && v=$$(dpkg-query -W -f='$${Version}' systemd 2>/dev/null); then \
+	  DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq --no-install-recommends systemd-container="$$v" \
+	  || echo "could not install systemd-container: the systemd service test will be skipped"; \
+	fi
 	@# playwright-core only drives the system Chromium; it never downloads a browser.
 	@if command -v npm >/dev/null && [ ! -d tools/viewer/node_modules/playwright-core ]; then \
 	  (cd tools/viewer && npm ci --no-audit --no-fund --loglevel=error) \

@@ -11,7 +11,14 @@
 
 namespace {
 
-const char *const ContainerTool = "/work/shared/tools/systemd-container";
+// The container tool lives in the shared folder beside the checkout.
+QString containerTool()
+{
+    const QString beside = QStringLiteral(KORB_SOURCE_DIR "/../shared/tools/systemd-container");
+    if (QFileInfo(beside).isExecutable())
+        return QFileInfo(beside).canonicalFilePath();
+    return QStringLiteral("/work/shared/tools/systemd-container");
+}
 // Boot takes about a second here; the tool gives up after 60 s by itself.
 constexpr int BootWaitMs = 90000;
 constexpr int StopWaitMs = 60000;
@@ -29,7 +36,7 @@ SvcRun runTool(const QStringList &arguments, int timeoutMs)
                            .arg(QFileInfo(QStringLiteral(KORB_TEST_PROGRAMS_DIR)).canonicalFilePath(),
                                 QString::fromLatin1(ProgramsInContainer)));
     process.setProcessEnvironment(environment);
-    process.start(QString::fromLatin1(ContainerTool), arguments);
+    process.start(containerTool(), arguments);
     SvcRun run;
     if (!process.waitForStarted(5000))
         return run;
@@ -75,7 +82,7 @@ void tst_KorbServiceSystemd::unitLifecycle()
 {
     if (::geteuid() != 0)
         QSKIP("the systemd container needs root");
-    if (!QFileInfo(QString::fromLatin1(ContainerTool)).isExecutable())
+    if (!QFileInfo(containerTool()).isExecutable())
         QSKIP("no systemd container tool here");
     if (!QFileInfo::exists(QStringLiteral("/usr/bin/systemd-nspawn")))
         QSKIP("systemd-nspawn is missing (package systemd-container)");

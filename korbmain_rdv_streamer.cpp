@@ -16,6 +16,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <unistd.h>
 
 namespace {
 
@@ -57,7 +58,11 @@ void sig_handler(int sig)
             QTimer::singleShot(10, server, &QObject::deleteLater);
         }
     }
-    ::exit(sig);
+    // _exit, not exit: the signal may have interrupted library code that
+    // holds a lock its exit handlers need, and the process would then hang
+    // instead of ending. The status is the same; the log file is closed after
+    // every line, so nothing written is lost.
+    ::_exit(sig);
 }
 
 // Instance name: the argument after the first one that contains "-n" in any

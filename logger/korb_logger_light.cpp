@@ -151,7 +151,15 @@ void KorbLoggerLight::write(const QString &source, const char *file, unsigned li
 {
     if (!Korb::logAdmits(level) || message.isEmpty())
         return;
-    QMutexLocker lock(&m_mutex);
+    if (!m_mutex.tryLock(LockWaitMs)) {
+        consolePrint(m_codec, formatLine(nowText(), level, file, line, function, source, message));
+        return;
+    }
+    struct Unlock
+    {
+        QMutex &mutex;
+        ~Unlock() { mutex.unlock(); }
+    } unlock{m_mutex};
     if (fold) {
         for (Recent &r : m_recent) {
             if (r.line == line && r.message == message) {

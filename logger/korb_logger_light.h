@@ -29,6 +29,10 @@ public:
     // Distinct folded records kept at once; the oldest is flushed beyond it,
     // so varying folded messages cannot grow the list without bound.
     static constexpr int MaxRecentRecords = 512;
+    // A record waits at most this long for the logger's lock. The signal
+    // handler logs from signal context; should it interrupt a write in
+    // progress, its record goes to the console instead of deadlocking.
+    static constexpr int LockWaitMs = 250;
 
     // The shared instance, created on first use.
     static KorbLoggerLight *instance();

@@ -42,6 +42,7 @@ private slots:
     void foregroundRunWritesPidFileAndServes();
     void sigtermHaltsAndExitsWithSignalNumber_data();
     void sigtermHaltsAndExitsWithSignalNumber();
+    void signalDuringStartUpNeverHangs();
     void secondInstanceOnSamePortFails();
     void udpFramesReachClients();
     void tcpFramesReachClients();
@@ -119,6 +120,22 @@ void tst_KorbMainRdvStreamer::sigtermHaltsAndExitsWithSignalNumber()
              qPrintable(log));
     QVERIFY(log.contains(QStringLiteral("приступил к останову приложения")));
     QVERIFY(log.contains(QStringLiteral("к останову приложения готов")));
+}
+
+void tst_KorbMainRdvStreamer::signalDuringStartUpNeverHangs()
+{
+    // Right after the port opens the relay is busy starting up (banner,
+    // sockets): a signal then lands inside library code. The process must
+    // still end, with the signal number, every time.
+    for (int round = 0; round < 6; ++round) {
+        StreamerProcess relay;
+        QString why;
+        QVERIFY2(relay.start(
+                     {"-nofile", "-addr=127.0.0.1:" + QString::number(StreamerProcess::freeTcpPort())}, &why),
+                 qPrintable(why));
+        const int signal = round % 2 ? SIGINT : SIGTERM;
+        QCOMPARE(relay.stopWith(signal), signal);
+    }
 }
 
 void tst_KorbMainRdvStreamer::secondInstanceOnSamePortFails()

@@ -2,6 +2,7 @@
 
 #include "logger/korb_log.h"
 #include "src/korb_rdv_packet.h"
+#include "src/korb_rdv_scanner.h"
 #include "src/korb_rdv_settings.h"
 
 #include <QCoreApplication>
@@ -427,17 +428,8 @@ void WebSocketServer::timerEvent(QTimerEvent *event)
     for (;;) {
         // Look for the next header; the rest of the bytes are skipped.
         const int lastStart = m_loadedSize - Rdv::HeaderSize;
-        while (pos <= lastStart) {
-            const void *hit = std::memchr(buf + pos, Rdv::Magic & 0xFF, size_t(lastStart - pos + 1));
-            if (!hit) {
-                pos = lastStart + 1;
-                break;
-            }
-            pos = int(static_cast<const char *>(hit) - buf);
-            if (Rdv::headerValid(buf + pos))
-                break;
-            ++pos;
-        }
+        const int found = KorbRdvScanner::findHeader(buf, pos, lastStart, KorbRdvScanner::Search::Simd);
+        pos = found < 0 ? lastStart + 1 : found;
         if (pos + Rdv::HeaderSize > m_loadedSize) {
             endOfFile = true;
             break;

@@ -16,6 +16,7 @@
 Q_DECLARE_METATYPE(RdvTest::FrameSpec)
 
 using RdvTest::FrameSpec;
+using RdvTest::socketArg;
 using RdvTest::WsTestClient;
 
 namespace {
@@ -42,13 +43,6 @@ QByteArray garbage(int n, quint32 seed)
         g[i] = c == 0x78 ? char(0x79) : c;
     }
     return g;
-}
-
-QWebSocket *socketArg(const QList<QVariant> &args)
-{
-    const QVariant &v = args.at(0);
-    return v.userType() == qMetaTypeId<QWebSocket *>() ? *static_cast<QWebSocket *const *>(v.constData())
-                                                       : nullptr;
 }
 
 } // namespace

@@ -13,20 +13,8 @@
 
 #include <memory>
 
+using RdvTest::socketArg;
 using RdvTest::WsTestClient;
-
-namespace {
-
-// The socket pointer a signal carried, read without touching the object
-// (it may already be deleted).
-QWebSocket *socketArg(const QList<QVariant> &args)
-{
-    const QVariant &v = args.at(0);
-    return v.userType() == qMetaTypeId<QWebSocket *>() ? *static_cast<QWebSocket *const *>(v.constData())
-                                                       : nullptr;
-}
-
-} // namespace
 
 class TestRdvWsServer : public QObject
 {

@@ -47,4 +47,11 @@ bool WsTestClient::isConnected() const
     return m_socket.state() == QAbstractSocket::ConnectedState;
 }
 
+QWebSocket *socketArg(const QList<QVariant> &args)
+{
+    const QVariant &v = args.at(0);
+    return v.userType() == qMetaTypeId<QWebSocket *>() ? *static_cast<QWebSocket *const *>(v.constData())
+                                                       : nullptr;
+}
+
 } // namespace RdvTest

@@ -16,6 +16,10 @@ namespace RdvTest {
 // Starts the server on a random free high port; false when none was found.
 bool startOnFreePort(WebSocketServer &server);
 
+// The socket pointer a signal of the server carried (QSignalSpy arguments),
+// read without touching the object: it may already be deleted.
+QWebSocket *socketArg(const QList<QVariant> &args);
+
 class WsTestClient : public QObject
 {
     Q_OBJECT

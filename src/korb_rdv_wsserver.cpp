@@ -11,7 +11,6 @@
 #include <QTimerEvent>
 #include <QWebSocket>
 
-#include <cstring>
 
 namespace {
 

@@ -60,7 +60,7 @@ private slots:
 
 void TestRdvPacket::singleFrame_data()
 {
-    QTest::addColumn<FrameSpec>("spec");
+    QTest::addColumn<FrameSpec>("fs");
     QTest::addColumn<int>("expectedSize");
     QTest::addColumn<int>("expectedLengthWord");
 
@@ -112,17 +112,17 @@ void TestRdvPacket::singleFrame_data()
 
 void TestRdvPacket::singleFrame()
 {
-    QFETCH(FrameSpec, spec);
+    QFETCH(FrameSpec, fs);
     QFETCH(int, expectedSize);
     QFETCH(int, expectedLengthWord);
 
-    const QByteArray frame = RdvTest::encodeFrame(spec);
+    const QByteArray frame = RdvTest::encodeFrame(fs);
     const QByteArray packet = Rdv::buildPacket(asFrame(frame));
 
     QCOMPARE(packet.size(), expectedSize);
     QCOMPARE(int(u16At(packet, 0)), expectedLengthWord);
-    QCOMPARE(u16At(packet, SingleCountOffset), spec.sampleCount);
-    QCOMPARE(packet, RdvTest::expectedSinglePacket(spec));
+    QCOMPARE(u16At(packet, SingleCountOffset), fs.sampleCount);
+    QCOMPARE(packet, RdvTest::expectedSinglePacket(fs));
 }
 
 void TestRdvPacket::timeStampAndRate_data()

@@ -106,9 +106,9 @@ FrameSpec channelFrame(qint8 group, quint16 sampleCount, quint32 timeSec, quint3
     return s;
 }
 
-int sampleWidth(const FrameSpec &spec)
+int sampleWidth(const FrameSpec &fs)
 {
-    return spec.kind == 1 ? 4 : 8;
+    return fs.kind == 1 ? 4 : 8;
 }
 
 QByteArray encodeHeader(const FrameSpec &s)

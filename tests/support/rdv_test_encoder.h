@@ -75,12 +75,12 @@ FrameSpec singleFrame(quint16 sampleCount, quint32 timeSec = 1700000000, quint32
 FrameSpec channelFrame(qint8 group, quint16 sampleCount, quint32 timeSec = 1700000000,
                        quint32 timeSub = 250000000);
 
-// Bytes per sample of the layout the spec's kind stands for (4 for kind 1, else 8).
-int sampleWidth(const FrameSpec &spec);
+// Bytes per sample of the layout the frame's kind stands for (4 for kind 1, else 8).
+int sampleWidth(const FrameSpec &fs);
 // The 56 header bytes.
-QByteArray encodeHeader(const FrameSpec &spec);
+QByteArray encodeHeader(const FrameSpec &fs);
 // Header followed by the payload.
-QByteArray encodeFrame(const FrameSpec &spec);
+QByteArray encodeFrame(const FrameSpec &fs);
 // Frames one after another, each followed by `gap` bytes of `fill` (the device
 // puts two bytes after every frame).
 QByteArray encodeStream(const QList<FrameSpec> &frames, int gap = 2, char fill = '\0');
@@ -90,10 +90,10 @@ quint64 frameTimeMs(quint32 timeSec, quint32 timeSub);
 
 // Expected packet for a single frame: 71-byte header and, when magic, kind 2
 // and count allow, sampleCount x 8 payload bytes.
-QByteArray expectedSinglePacket(const FrameSpec &spec);
+QByteArray expectedSinglePacket(const FrameSpec &fs);
 // Expected sub-block for one channel frame: 77-byte header and, when magic,
 // kind 1 and count allow, sampleCount x 4 payload bytes.
-QByteArray expectedChannelBlock(const FrameSpec &spec);
+QByteArray expectedChannelBlock(const FrameSpec &fs);
 // Sub-blocks concatenated in the order given (callers list the groups in
 // ascending signed order, as the daemon's map is ordered).
 QByteArray expectedChannelPacket(const QList<FrameSpec> &frames);

@@ -2,31 +2,31 @@
 
 #include <QDataStream>
 
-QByteArray ViewRdvEncoder::block(const ViewBlockSpec &spec)
+QByteArray ViewRdvEncoder::block(const ViewBlockSpec &fs)
 {
     QByteArray out;
     QDataStream s(&out, QIODevice::WriteOnly);
     s.setByteOrder(QDataStream::LittleEndian);
     s.setFloatingPointPrecision(QDataStream::DoublePrecision);
     s << quint16(0);
-    if (spec.channel)
+    if (fs.channel)
         s << qint16(5) << qint16(3) << qint16(2) << qint16(6);
     else
         s << qint16(5) << qint16(4) << qint16(2) << qint16(5);
-    s << spec.frameType << spec.small[0] << spec.small[1] << spec.small[2] << spec.small[3];
-    s << spec.sampleCount << spec.word5 << spec.wordA;
-    if (!spec.channel)
-        s << spec.wordB;
-    s << spec.intA << spec.intB << spec.timeMs << spec.rate << spec.counterA << spec.counterB << spec.floatA;
-    if (spec.channel)
-        s << spec.floatB;
-    for (const qint32 v : spec.values) {
-        if (spec.channel)
+    s << fs.frameType << fs.small[0] << fs.small[1] << fs.small[2] << fs.small[3];
+    s << fs.sampleCount << fs.word5 << fs.wordA;
+    if (!fs.channel)
+        s << fs.wordB;
+    s << fs.intA << fs.intB << fs.timeMs << fs.rate << fs.counterA << fs.counterB << fs.floatA;
+    if (fs.channel)
+        s << fs.floatB;
+    for (const qint32 v : fs.values) {
+        if (fs.channel)
             s << qint16(v);
         else
             s << v;
     }
-    const quint16 len = quint16(spec.lengthOverride >= 0 ? spec.lengthOverride : out.size());
+    const quint16 len = quint16(fs.lengthOverride >= 0 ? fs.lengthOverride : out.size());
     out[0] = char(len & 0xff);
     out[1] = char(len >> 8);
     return out;

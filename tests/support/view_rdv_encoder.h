@@ -30,7 +30,7 @@ struct ViewBlockSpec
 class ViewRdvEncoder
 {
 public:
-    static QByteArray block(const ViewBlockSpec &spec);
+    static QByteArray block(const ViewBlockSpec &fs);
     static QByteArray channelPacket(const QVector<ViewBlockSpec> &blocks);
 
     // Convenience specs: a single frame or a channel block with `samples`

@@ -8,7 +8,7 @@ const enc = require('./rdv_encoder.js');
 const ch3 = enc.block(enc.channel(3, 5));
 const chBare = enc.block(enc.channel(-2, 0));
 const singleOf = (n) => enc.block(enc.single(n));
-const withCount = (spec, count) => Object.assign(spec, { sampleCount: count });
+const withCount = (fs, count) => Object.assign(fs, { sampleCount: count });
 const badWords = singleOf(1);
 badWords[6] = 9;
 
@@ -66,42 +66,42 @@ for (const [name, packet, ok, counts, errorOffset, errorText] of outcomes) {
   });
 }
 
-function checkFields(spec, b) {
-  assert.equal(b.layout, spec.channel ? 'channel' : 'single');
-  assert.equal(b.frameType, spec.frameType);
-  const small = spec.channel ? [b.nibbleLow, b.nibbleHigh, b.group, b.byte7]
+function checkFields(fs, b) {
+  assert.equal(b.layout, fs.channel ? 'channel' : 'single');
+  assert.equal(b.frameType, fs.frameType);
+  const small = fs.channel ? [b.nibbleLow, b.nibbleHigh, b.group, b.byte7]
     : [b.flagBit1, b.flagBit2, b.flagBit3, b.flagBit0];
-  assert.deepEqual(small, spec.small);
-  assert.equal(b.sampleCount, spec.sampleCount);
-  assert.equal(b.word5, spec.word5);
-  if (spec.channel) {
-    assert.equal(b.word20, spec.wordA);
-    assert.equal(b.floatB, spec.floatB);
-    assert.equal(blockKey(b), String(spec.small[2]));
+  assert.deepEqual(small, fs.small);
+  assert.equal(b.sampleCount, fs.sampleCount);
+  assert.equal(b.word5, fs.word5);
+  if (fs.channel) {
+    assert.equal(b.word20, fs.wordA);
+    assert.equal(b.floatB, fs.floatB);
+    assert.equal(blockKey(b), String(fs.small[2]));
   } else {
-    assert.equal(b.word44, spec.wordA);
-    assert.equal(b.word46, spec.wordB);
+    assert.equal(b.word44, fs.wordA);
+    assert.equal(b.word46, fs.wordB);
     assert.equal(b.group, null);
     assert.equal(blockKey(b), 'single');
   }
-  for (const f of ['intA', 'intB', 'timeMs', 'rate', 'counterA', 'counterB', 'floatA']) assert.equal(b[f], spec[f], f);
-  assert.deepEqual(Array.from(b.values), spec.values);
+  for (const f of ['intA', 'intB', 'timeMs', 'rate', 'counterA', 'counterB', 'floatA']) assert.equal(b[f], fs[f], f);
+  assert.deepEqual(Array.from(b.values), fs.values);
 }
 
 test('fields: single frame, every field, extreme 32-bit samples', () => {
-  const spec = enc.single(5);
-  spec.values[0] = -2147483648;
-  spec.values[3] = 2147483647;
-  const r = decodePacket(enc.block(spec));
+  const fs = enc.single(5);
+  fs.values[0] = -2147483648;
+  fs.values[3] = 2147483647;
+  const r = decodePacket(enc.block(fs));
   assert.ok(r.ok);
-  checkFields(spec, r.blocks[0]);
+  checkFields(fs, r.blocks[0]);
 });
 
 test('fields: single frame, infinite rate, large time', () => {
-  const spec = Object.assign(enc.single(2, 1700000000123), { rate: Infinity });
-  const r = decodePacket(enc.block(spec));
+  const fs = Object.assign(enc.single(2, 1700000000123), { rate: Infinity });
+  const r = decodePacket(enc.block(fs));
   assert.ok(r.ok);
-  checkFields(spec, r.blocks[0]);
+  checkFields(fs, r.blocks[0]);
 });
 
 test('fields: channel sub-blocks, negative group and extreme 16-bit samples', () => {

@@ -12,25 +12,25 @@ class Writer {
   f64(x) { const b = Buffer.alloc(8); b.writeDoubleLE(x); for (const c of b) this.u8(c); }
 }
 
-// spec: { channel, frameType, small: [4 bytes], sampleCount, word5, wordA,
+// fs: { channel, frameType, small: [4 bytes], sampleCount, word5, wordA,
 //         wordB, intA, intB, timeMs, rate, counterA, counterB, floatA, floatB,
 //         values: [two per sample] (empty: header only), lengthOverride }
-function block(spec) {
+function block(fs) {
   const w = new Writer();
   w.u16(0);
-  for (const x of spec.channel ? [5, 3, 2, 6] : [5, 4, 2, 5]) w.i16(x);
-  w.i8(spec.frameType);
-  for (const x of spec.small) w.i8(x);
-  w.u16(spec.sampleCount);
-  w.i16(spec.word5);
-  w.i16(spec.wordA);
-  if (!spec.channel) w.i16(spec.wordB);
-  w.i32(spec.intA);
-  w.i32(spec.intB);
-  for (const x of [spec.timeMs, spec.rate, spec.counterA, spec.counterB, spec.floatA]) w.f64(x);
-  if (spec.channel) w.f64(spec.floatB);
-  for (const x of spec.values) (spec.channel ? w.i16(x) : w.i32(x));
-  const len = spec.lengthOverride ?? w.bytes.length;
+  for (const x of fs.channel ? [5, 3, 2, 6] : [5, 4, 2, 5]) w.i16(x);
+  w.i8(fs.frameType);
+  for (const x of fs.small) w.i8(x);
+  w.u16(fs.sampleCount);
+  w.i16(fs.word5);
+  w.i16(fs.wordA);
+  if (!fs.channel) w.i16(fs.wordB);
+  w.i32(fs.intA);
+  w.i32(fs.intB);
+  for (const x of [fs.timeMs, fs.rate, fs.counterA, fs.counterB, fs.floatA]) w.f64(x);
+  if (fs.channel) w.f64(fs.floatB);
+  for (const x of fs.values) (fs.channel ? w.i16(x) : w.i32(x));
+  const len = fs.lengthOverride ?? w.bytes.length;
   w.bytes[0] = len & 0xff;
   w.bytes[1] = (len >> 8) & 0xff;
   return Uint8Array.from(w.bytes);

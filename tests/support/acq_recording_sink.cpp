@@ -1,27 +1,19 @@
 #include "support/acq_recording_sink.h"
 
-#include <QStringList>
 #include <QtEndian>
 
 namespace AcqTest {
 
-int frameBytes(const char *frame)
-{
-    const auto *p = reinterpret_cast<const uchar *>(frame);
-    const int kind = p[4];
-    const int count = qFromLittleEndian<quint16>(p + 17);
-    if (kind == 1)
-        return 56 + 4 * count;
-    if (kind == 2)
-        return 56 + 8 * count;
-    return 56;
-}
-
 namespace {
+// The frame with its length decoded here, not by the code under test:
+// 56 + count x 4 (kind 1) or x 8 (kind 2); the header alone otherwise.
 SeenFrame seen(const void *p)
 {
     const char *c = static_cast<const char *>(p);
-    return SeenFrame{c, QByteArray(c, frameBytes(c))};
+    const auto *u = reinterpret_cast<const uchar *>(c);
+    const int count = qFromLittleEndian<quint16>(u + 17);
+    const int len = u[4] == 1 ? 56 + 4 * count : (u[4] == 2 ? 56 + 8 * count : 56);
+    return SeenFrame{c, QByteArray(c, len)};
 }
 } // namespace
 
@@ -39,22 +31,6 @@ void RecordingSink::sendRdv(const RdvChannelMap &channels)
     for (auto it = channels.cbegin(); it != channels.cend(); ++it)
         h.map.insert(it.key(), seen(it.value()));
     handoffs.append(h);
-}
-
-QString RecordingSink::describe(const char *base) const
-{
-    QStringList out;
-    for (const Handoff &h : handoffs) {
-        if (h.single) {
-            out << QStringLiteral("F%1").arg(h.frame.where - base);
-            continue;
-        }
-        QStringList entries;
-        for (auto it = h.map.cbegin(); it != h.map.cend(); ++it)
-            entries << QStringLiteral("%1:%2").arg(int(it.key())).arg(it.value().where - base);
-        out << QStringLiteral("M") + entries.join(QLatin1Char(','));
-    }
-    return out.join(QLatin1Char(' '));
 }
 
 } // namespace AcqTest

@@ -5,12 +5,11 @@
 #include <QByteArray>
 #include <QList>
 #include <QMap>
-#include <QString>
 
 namespace AcqTest {
 
-// A frame as the sink saw it: where it lay and a copy of its bytes taken at
-// the moment of the call (the source may overwrite them later).
+// A frame as the sink saw it: where it lay, and its bytes copied at the call
+// (the source may overwrite them later).
 struct SeenFrame
 {
     const char *where = nullptr;
@@ -25,8 +24,7 @@ struct Handoff
     QMap<qint8, SeenFrame> map;
 };
 
-// Test double of the sink: reports a settable client count and records
-// every hand-off.
+// Sink double with a settable client count that records every hand-off.
 class RecordingSink : public KorbRdvSink
 {
 public:
@@ -36,14 +34,6 @@ public:
     int clientCount() const override { return clients; }
     void sendRdv(const RdvFrame *frame) override;
     void sendRdv(const RdvChannelMap &channels) override;
-
-    // Hand-offs written as offsets from `base`: "F<off>" for a single frame,
-    // "M<group>:<off>,..." for a map; separated by spaces.
-    QString describe(const char *base) const;
 };
-
-// Length of a frame from its own header, decoded here and not by the code
-// under test: 56 + count x 4 (kind 1) or x 8; the header alone otherwise.
-int frameBytes(const char *frame);
 
 } // namespace AcqTest

@@ -1,7 +1,6 @@
-// The WebSocket server with real clients on 127.0.0.1: client table, text
-// commands and their replies, broadcasting of Rdv packets, and the rule that
-// a client which stops reading neither grows the daemon's memory nor holds up
-// the others.
+// The WebSocket server with real clients on 127.0.0.1: start, client table,
+// text commands and replies, Rdv broadcasts, and a stalled client that must
+// neither grow the daemon's memory nor hold up the others.
 
 #include "src/korb_rdv_settings.h"
 #include "src/korb_rdv_wsserver.h"
@@ -16,6 +15,13 @@
 using RdvTest::socketArg;
 using RdvTest::WsTestClient;
 
+namespace {
+const RdvFrame *asFrame(const QByteArray &bytes)
+{
+    return reinterpret_cast<const RdvFrame *>(bytes.constData());
+}
+} // namespace
+
 class TestRdvWsServer : public QObject
 {
     Q_OBJECT
@@ -24,21 +30,19 @@ private slots:
     void init();
     void cleanup();
 
-    void constructionAndStart();
+    void start();
     void commands_data();
     void commands();
     void binaryMessageRefused();
     void broadcastsOnePacketToEveryClient();
     void nothingBuiltWithoutClients();
-    void sendClientAndSendAllClients();
-    void removeClient();
-    void disconnectLeavesTable();
+    void clientTable();
     void stopClosesClients();
     void stalledClientIsBoundedAndDoesNotDelayOthers();
 
 private:
+    WsTestClient *connectClient() { return RdvTest::connectClient(*m_server, this); }
     std::unique_ptr<WebSocketServer> m_server;
-    WsTestClient *connectClient();
 };
 
 void TestRdvWsServer::init()
@@ -54,35 +58,14 @@ void TestRdvWsServer::cleanup()
     Korb::sendIntervalMs = Korb::DefaultSendIntervalMs;
 }
 
-WsTestClient *TestRdvWsServer::connectClient()
+void TestRdvWsServer::start()
 {
-    auto *c = new WsTestClient(this);
-    const int before = m_server->clientCount();
-    if (!c->open(m_server->serverPort()))
-        return nullptr;
-    // The handshake completes on the client before the server has taken it up.
-    if (!QTest::qWaitFor([&] { return m_server->clientCount() == before + 1; }, 5000))
-        return nullptr;
-    return c;
-}
-
-void TestRdvWsServer::constructionAndStart()
-{
-    WebSocketServer defaulted(nullptr, 0);
-    QCOMPARE(defaulted.port(), quint16(3005));
-    QCOMPARE(defaulted.serverName(), QStringLiteral("rdv"));
-    QCOMPARE(defaulted.secureMode(), QWebSocketServer::NonSecureMode);
-    QVERIFY(!defaulted.isListening());
-
-    WebSocketServer explicitPort(nullptr, 41234);
-    QCOMPARE(explicitPort.port(), quint16(41234));
+    QCOMPARE(WebSocketServer(nullptr, 0).port(), quint16(3005));
 
     // Already listening: true, and neither the port nor the socket changes.
     const quint16 listening = m_server->serverPort();
-    QVERIFY(m_server->isListening());
     QVERIFY(m_server->start(quint16(listening == 65000 ? 65001 : 65000)));
     QCOMPARE(m_server->serverPort(), listening);
-    QCOMPARE(m_server->port(), listening);
 
     // A port that is taken: false, not listening.
     WebSocketServer clash(nullptr, listening);
@@ -97,8 +80,6 @@ void TestRdvWsServer::commands_data()
     QTest::addColumn<QString>("stringCmd");
     QTest::addColumn<int>("interval"); // -1: interval unchanged, no runCmd(quint16)
 
-    const QString noColon = QStringLiteral("Err: symbol ':' no found");
-    const QString multi = QStringLiteral("Err: multiple symbol ':' not support");
     const QString badIms = QStringLiteral("Err: ims vals [1...999] ms");
     const QString unknown = QStringLiteral("Err: cmd not recognized");
 
@@ -112,23 +93,16 @@ void TestRdvWsServer::commands_data()
     QTest::newRow("ims:65538 accepted as 2") << "ims:65538"
                                              << "ims:65538 OK" << QString() << 2;
     QTest::newRow("ims:65537 low bits 1 refused") << "ims:65537" << badIms << QString() << -1;
-    QTest::newRow("ims:65536 low bits 0 refused") << "ims:65536" << badIms << QString() << -1;
     QTest::newRow("ims:1 refused") << "ims:1" << badIms << QString() << -1;
-    QTest::newRow("ims:0 refused") << "ims:0" << badIms << QString() << -1;
     QTest::newRow("ims:abc refused") << "ims:abc" << badIms << QString() << -1;
-    QTest::newRow("ims:-5 refused") << "ims:-5" << badIms << QString() << -1;
-    QTest::newRow("ims: empty argument refused") << "ims:" << badIms << QString() << -1;
-    QTest::newRow("ims:4294967296 overflows uint, refused") << "ims:4294967296" << badIms << QString() << -1;
-    QTest::newRow("ims without colon") << "ims" << noColon << QString() << -1;
-    QTest::newRow("two colons") << "ims:1:2" << multi << QString() << -1;
-    QTest::newRow("only colons") << "::" << multi << QString() << -1;
+    QTest::newRow("ims without colon") << "ims"
+                                       << "Err: symbol ':' no found" << QString() << -1;
+    QTest::newRow("two colons") << "ims:1:2"
+                                << "Err: multiple symbol ':' not support" << QString() << -1;
     QTest::newRow("IMS is case-sensitive") << "IMS:20" << unknown << QString() << -1;
-    QTest::newRow("empty word") << ":" << unknown << QString() << -1;
-    QTest::newRow("unknown word") << "foo:bar" << unknown << QString() << -1;
     QTest::newRow("csv with empty argument") << "csv:" << QString() << "csv" << -1;
     QTest::newRow("csv argument ignored") << "csv:x" << QString() << "csv" << -1;
     QTest::newRow("buf trimmed") << "  buf : 7" << QString() << "buf" << -1;
-    QTest::newRow("Csv is case-sensitive") << "Csv:" << unknown << QString() << -1;
 }
 
 void TestRdvWsServer::commands()
@@ -140,17 +114,13 @@ void TestRdvWsServer::commands()
 
     Korb::sendIntervalMs = 77;
     WsTestClient *c = connectClient();
-    QVERIFY(c);
     WsTestClient *other = connectClient();
-    QVERIFY(other);
-
+    QVERIFY(c && other);
     QSignalSpy strSpy(m_server.get(), QOverload<const QString &>::of(&WebSocketServer::runCmd));
     QSignalSpy intSpy(m_server.get(), QOverload<quint16>::of(&WebSocketServer::runCmd));
-    QSignalSpy readySpy(m_server.get(), &WebSocketServer::readyRead);
 
     c->socket().sendTextMessage(message);
-    // A marker command whose reply is known: everything before it has been
-    // answered once it arrives, so "no reply" can be asserted.
+    // A marker with a known reply: once it arrives, "no reply" can be asserted.
     c->socket().sendTextMessage(QStringLiteral("marker:"));
     QStringList expected;
     if (!reply.isEmpty())
@@ -160,26 +130,13 @@ void TestRdvWsServer::commands()
     QCOMPARE(c->texts, expected);
     QVERIFY(other->texts.isEmpty()); // replies go to the sender only
 
-    if (stringCmd.isEmpty()) {
-        QCOMPARE(strSpy.count(), 0);
-    } else {
-        QCOMPARE(strSpy.count(), 1);
+    QCOMPARE(strSpy.count(), stringCmd.isEmpty() ? 0 : 1);
+    if (!stringCmd.isEmpty())
         QCOMPARE(strSpy.at(0).at(0).toString(), stringCmd);
-    }
-    if (interval < 0) {
-        QCOMPARE(intSpy.count(), 0);
-        QCOMPARE(Korb::sendIntervalMs, quint16(77));
-    } else {
-        QCOMPARE(intSpy.count(), 1);
+    QCOMPARE(intSpy.count(), interval < 0 ? 0 : 1);
+    if (interval >= 0)
         QCOMPARE(intSpy.at(0).at(0).value<quint16>(), quint16(interval));
-        QCOMPARE(Korb::sendIntervalMs, quint16(interval));
-    }
-    // readyRead carries every non-empty text and its sender.
-    const int texts = message.isEmpty() ? 1 : 2;
-    QCOMPARE(readySpy.count(), texts);
-    QCOMPARE(readySpy.last().at(0).value<QVariant>().toString(), QStringLiteral("marker:"));
-    if (!message.isEmpty())
-        QCOMPARE(readySpy.first().at(0).value<QVariant>().toString(), message);
+    QCOMPARE(Korb::sendIntervalMs, quint16(interval < 0 ? 77 : interval));
 }
 
 void TestRdvWsServer::binaryMessageRefused()
@@ -200,10 +157,8 @@ void TestRdvWsServer::broadcastsOnePacketToEveryClient()
     QVERIFY(a && b);
 
     const RdvTest::FrameSpec single = RdvTest::singleFrame(500);
-    const QByteArray singleBytes = RdvTest::encodeFrame(single);
     const int before = WebSocketServer::broadcastCount();
-    m_server->sendRdv(reinterpret_cast<const RdvFrame *>(singleBytes.constData()));
-    QCOMPARE(WebSocketServer::broadcastCount(), before + 1);
+    m_server->sendRdv(asFrame(RdvTest::encodeFrame(single)));
 
     const QList<RdvTest::FrameSpec> groups{RdvTest::channelFrame(-1, 10), RdvTest::channelFrame(0, 20),
                                            RdvTest::channelFrame(7, 30)};
@@ -218,21 +173,17 @@ void TestRdvWsServer::broadcastsOnePacketToEveryClient()
 
     const QList<QByteArray> expected{RdvTest::expectedSinglePacket(single),
                                      RdvTest::expectedChannelPacket(groups)};
-    QTRY_COMPARE(a->binaries.size(), 2);
-    QTRY_COMPARE(b->binaries.size(), 2);
-    QCOMPARE(a->binaries, expected);
-    QCOMPARE(b->binaries, expected);
-    QVERIFY(a->texts.isEmpty());
+    QTRY_COMPARE(a->binaries, expected);
+    QTRY_COMPARE(b->binaries, expected);
 }
 
 void TestRdvWsServer::nothingBuiltWithoutClients()
 {
-    const RdvTest::FrameSpec single = RdvTest::singleFrame(5);
-    QByteArray bytes = RdvTest::encodeFrame(single);
+    QByteArray bytes = RdvTest::encodeFrame(RdvTest::singleFrame(5));
     RdvChannelMap map;
     map.insert(0, reinterpret_cast<RdvChannelFrame *>(bytes.data()));
     const int before = WebSocketServer::broadcastCount();
-    m_server->sendRdv(reinterpret_cast<const RdvFrame *>(bytes.constData()));
+    m_server->sendRdv(asFrame(bytes));
     m_server->sendRdv(map);
     QCOMPARE(WebSocketServer::broadcastCount(), before);
 
@@ -243,64 +194,44 @@ void TestRdvWsServer::nothingBuiltWithoutClients()
     QCOMPARE(WebSocketServer::broadcastCount(), before);
 }
 
-void TestRdvWsServer::sendClientAndSendAllClients()
-{
-    QSignalSpy connectedSpy(m_server.get(), &WebSocketServer::connected);
-    WsTestClient *a = connectClient();
-    WsTestClient *b = connectClient();
-    QVERIFY(a && b);
-    QCOMPARE(connectedSpy.count(), 2);
-    auto *serverSideA = socketArg(connectedSpy.at(0));
-    const quint64 descA = quint64(quintptr(serverSideA));
-
-    QVERIFY(m_server->sendClient(descA, QStringLiteral("hello a")));
-    QVERIFY(m_server->sendClient(descA, QByteArrayLiteral("\x01\x02")));
-    QVERIFY(!m_server->sendClient(descA + 8, QStringLiteral("nobody")));
-    QVERIFY(!m_server->sendClient(descA, QVariant(42)));
-    m_server->sendAllClients(QStringLiteral("to all"));
-    m_server->sendAllClients(QVariant(3.5)); // unsupported: nothing goes out
-    m_server->sendAllClients(QByteArrayLiteral("bin"));
-
-    QTRY_COMPARE(a->texts, (QStringList{QStringLiteral("hello a"), QStringLiteral("to all")}));
-    QTRY_COMPARE(a->binaries, (QList<QByteArray>{QByteArrayLiteral("\x01\x02"), QByteArrayLiteral("bin")}));
-    QTRY_COMPARE(b->texts, QStringList{QStringLiteral("to all")});
-    QTRY_COMPARE(b->binaries, QList<QByteArray>{QByteArrayLiteral("bin")});
-}
-
-void TestRdvWsServer::removeClient()
-{
-    QSignalSpy connectedSpy(m_server.get(), &WebSocketServer::connected);
-    WsTestClient *a = connectClient();
-    WsTestClient *b = connectClient();
-    QVERIFY(a && b);
-    const quint64 descA = quint64(quintptr(socketArg(connectedSpy.at(0))));
-
-    QVERIFY(!m_server->removeClient(descA ^ 0x10));
-    QCOMPARE(m_server->clientCount(), 2);
-    QVERIFY(m_server->removeClient(descA));
-    QCOMPARE(m_server->clientCount(), 1);
-    QTRY_VERIFY(a->disconnected);
-    QCOMPARE(a->closeCode, int(QWebSocketProtocol::CloseCodeNormal));
-    QVERIFY(!m_server->removeClient(descA));
-    QVERIFY(b->isConnected());
-    m_server->sendAllClients(QStringLiteral("still here"));
-    QTRY_COMPARE(b->texts, QStringList{QStringLiteral("still here")});
-}
-
-void TestRdvWsServer::disconnectLeavesTable()
+// Descriptors are the server-side socket pointers: sends by type, removal
+// with close code 1000, and the table shrinking on a plain disconnect.
+void TestRdvWsServer::clientTable()
 {
     QSignalSpy connectedSpy(m_server.get(), &WebSocketServer::connected);
     QSignalSpy disconnectedSpy(m_server.get(), &WebSocketServer::disconnected);
     WsTestClient *a = connectClient();
     WsTestClient *b = connectClient();
-    QVERIFY(a && b);
-    a->socket().close();
+    WsTestClient *c = connectClient();
+    QVERIFY(a && b && c);
+    QCOMPARE(connectedSpy.count(), 3);
+    const quint64 descA = quint64(quintptr(socketArg(connectedSpy.at(0))));
+
+    QVERIFY(m_server->sendClient(descA, QStringLiteral("hello a")));
+    QVERIFY(m_server->sendClient(descA, QByteArrayLiteral("\x01\x02")));
+    QVERIFY(!m_server->sendClient(descA ^ 0x10, QStringLiteral("nobody")));
+    QVERIFY(!m_server->sendClient(descA, QVariant(42)));
+    m_server->sendAllClients(QStringLiteral("to all"));
+    m_server->sendAllClients(QVariant(3.5)); // unsupported: nothing goes out
+    m_server->sendAllClients(QByteArrayLiteral("bin"));
+    QTRY_COMPARE(a->texts, (QStringList{QStringLiteral("hello a"), QStringLiteral("to all")}));
+    QTRY_COMPARE(a->binaries, (QList<QByteArray>{QByteArrayLiteral("\x01\x02"), QByteArrayLiteral("bin")}));
+    QTRY_COMPARE(b->texts, QStringList{QStringLiteral("to all")});
+    QTRY_COMPARE(b->binaries, QList<QByteArray>{QByteArrayLiteral("bin")});
+
+    QVERIFY(!m_server->removeClient(descA ^ 0x10));
+    QVERIFY(m_server->removeClient(descA));
+    QCOMPARE(m_server->clientCount(), 2);
+    QTRY_VERIFY(a->disconnected);
+    QCOMPARE(a->closeCode, int(QWebSocketProtocol::CloseCodeNormal));
+    QVERIFY(!m_server->removeClient(descA));
+
+    b->socket().close();
     QTRY_COMPARE(m_server->clientCount(), 1);
-    QTRY_COMPARE(disconnectedSpy.count(), 1);
-    QCOMPARE(socketArg(disconnectedSpy.at(0)), socketArg(connectedSpy.at(0)));
-    b->socket().abort(); // without a closing handshake
+    QTRY_VERIFY(!disconnectedSpy.isEmpty());
+    QCOMPARE(socketArg(disconnectedSpy.last()), socketArg(connectedSpy.at(1)));
+    c->socket().abort(); // without a closing handshake
     QTRY_COMPARE(m_server->clientCount(), 0);
-    QCOMPARE(disconnectedSpy.count(), 2);
 }
 
 void TestRdvWsServer::stopClosesClients()
@@ -311,14 +242,12 @@ void TestRdvWsServer::stopClosesClients()
     QVERIFY(!m_server->isListening());
     QTRY_VERIFY(a->disconnected);
     QTRY_COMPARE(m_server->clientCount(), 0);
-    // Listening again works after a stop.
     QVERIFY(RdvTest::startOnFreePort(*m_server));
     QVERIFY(connectClient());
 }
 
-// A client that completes the handshake and then never reads again. Its
-// kernel buffers fill, then the server's socket buffer; the server must stop
-// queueing for it at the limit while the reading client keeps up.
+// A client that completes the handshake and never reads again: the server
+// stops queueing for it at the limit while the reading client keeps up.
 void TestRdvWsServer::stalledClientIsBoundedAndDoesNotDelayOthers()
 {
     QSignalSpy connectedSpy(m_server.get(), &WebSocketServer::connected);
@@ -328,7 +257,7 @@ void TestRdvWsServer::stalledClientIsBoundedAndDoesNotDelayOthers()
     QVERIFY(stalled.waitForConnected(5000));
     stalled.write("GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
                   "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n\r\n");
-    QTRY_VERIFY(stalled.bytesAvailable() > 0 && stalled.peek(4096).contains("\r\n\r\n"));
+    QTRY_VERIFY(stalled.peek(4096).contains("\r\n\r\n"));
     QVERIFY(stalled.readAll().startsWith("HTTP/1.1 101"));
     stalled.setReadBufferSize(1); // from now on it takes nothing off the wire
     QTRY_COMPARE(m_server->clientCount(), 1);
@@ -340,13 +269,12 @@ void TestRdvWsServer::stalledClientIsBoundedAndDoesNotDelayOthers()
     QSignalSpy received(&reader->socket(), &QWebSocket::binaryMessageReceived);
 
     const QByteArray frame = RdvTest::encodeFrame(RdvTest::singleFrame(13000));
-    const auto *f = reinterpret_cast<const RdvFrame *>(frame.constData());
-    const int packetSize = RdvTest::expectedSinglePacket(RdvTest::singleFrame(13000)).size();
+    const int packetSize = 71 + 8 * 13000;
     // Enough to fill generous loopback kernel buffers and then the limit twice over.
     const int packets = int((3 * WebSocketServer::MaxClientBacklog + 16 * 1024 * 1024) / packetSize);
     qint64 maxBacklog = 0;
     for (int i = 1; i <= packets; ++i) {
-        m_server->sendRdv(f);
+        m_server->sendRdv(asFrame(frame));
         maxBacklog = qMax(maxBacklog, serverSide->bytesToWrite());
         // Every packet reaches the reading client before the next is sent.
         while (reader->binaryCount < i && received.wait(5000)) {
@@ -360,18 +288,11 @@ void TestRdvWsServer::stalledClientIsBoundedAndDoesNotDelayOthers()
 
     // Once it drains it receives packets again.
     stalled.setReadBufferSize(0);
-    qint64 drained = 0;
-    QTRY_VERIFY_WITH_TIMEOUT((drained += stalled.readAll().size(), serverSide->bytesToWrite() == 0), 10000);
-    QTest::qWait(50);
-    drained += stalled.readAll().size();
-    const qint64 skipsBefore = m_server->backlogSkips();
-    const QByteArray last = RdvTest::encodeFrame(RdvTest::singleFrame(1, 1234, 5678));
-    m_server->sendRdv(reinterpret_cast<const RdvFrame *>(last.constData()));
-    QCOMPARE(m_server->backlogSkips(), skipsBefore);
-    const QByteArray expectedLast = RdvTest::expectedSinglePacket(RdvTest::singleFrame(1, 1234, 5678));
+    QTRY_VERIFY_WITH_TIMEOUT((stalled.readAll(), serverSide->bytesToWrite() == 0), 10000);
+    const RdvTest::FrameSpec last = RdvTest::singleFrame(1, 1234, 5678);
+    m_server->sendRdv(asFrame(RdvTest::encodeFrame(last)));
     QByteArray tail;
-    QTRY_VERIFY((tail += stalled.readAll(), tail.endsWith(expectedLast)));
-    Q_UNUSED(drained);
+    QTRY_VERIFY((tail += stalled.readAll(), tail.endsWith(RdvTest::expectedSinglePacket(last))));
 }
 
 QTEST_GUILESS_MAIN(TestRdvWsServer)

@@ -23,19 +23,41 @@ void putF32(QByteArray &out, float f)
     put(out, bits, 4);
 }
 
-bool channelLayout(const FrameSpec &s)
+QByteArray encodeHeader(const FrameSpec &s)
 {
-    return s.layout == Layout::Channel || (s.layout == Layout::Auto && s.kind == 1);
-}
-
-QByteArray generatedSamples(const FrameSpec &s, int count)
-{
-    QByteArray out(count * sampleWidth(s), Qt::Uninitialized);
-    quint32 x = s.seed * 2654435761u + 12345u;
-    for (int i = 0; i < out.size(); ++i) {
-        x = x * 1664525u + 1013904223u;
-        out[i] = char(x >> 24);
+    QByteArray out;
+    put(out, s.magic, 4);
+    put(out, s.kind, 1);
+    put(out, quint16(s.word5), 2);
+    put(out, s.byte7, 1);
+    put(out, s.timeSec, 4);
+    put(out, s.timeSub, 4);
+    put(out, s.byte16, 1);
+    put(out, s.sampleCount, 2);
+    put(out, s.byte19, 1);
+    if (s.layout == Layout::Channel || (s.layout == Layout::Auto && s.kind == 1)) {
+        const ChannelFields &c = s.channel;
+        put(out, quint16(c.word20), 2);
+        put(out, c.nibbles, 1);
+        put(out, c.byte23, 1);
+        put(out, c.counterA, 8);
+        put(out, c.counterB, 8);
+        put(out, quint32(c.intA), 4);
+        putF32(out, c.floatA);
+        putF32(out, c.floatB);
+        put(out, quint32(c.intB), 4);
+    } else {
+        const SingleFields &f = s.single;
+        put(out, f.counterA, 8);
+        put(out, f.counterB, 8);
+        put(out, quint32(f.intA), 4);
+        putF32(out, f.floatA);
+        put(out, quint16(f.word44), 2);
+        put(out, quint16(f.word46), 2);
+        put(out, f.reserved48, 4);
+        put(out, quint32(f.intB), 4);
     }
+    Q_ASSERT(out.size() == HeaderSize);
     return out;
 }
 
@@ -44,17 +66,37 @@ QByteArray expectedPayload(const FrameSpec &s, int wantedKind)
 {
     if (s.magic != Magic || s.kind != wantedKind || s.sampleCount > MaxSamples)
         return QByteArray();
-    const QByteArray frame = encodeFrame(s);
-    const int n = s.sampleCount * (wantedKind == 1 ? 4 : 8);
-    Q_ASSERT(frame.size() >= HeaderSize + n);
-    return frame.mid(HeaderSize, n);
+    return encodeFrame(s).mid(HeaderSize, s.sampleCount * (wantedKind == 1 ? 4 : 8));
 }
 
-QDataStream &prepare(QDataStream &ds)
+// The packet fields both forms share up to the stamp, written by `fields`.
+template <typename Fields>
+QByteArray packet(const FrameSpec &s, int headerSize, int wantedKind, Fields fields)
 {
+    const QByteArray payload = expectedPayload(s, wantedKind);
+    QByteArray out;
+    QBuffer buf(&out);
+    buf.open(QIODevice::WriteOnly);
+    QDataStream ds(&buf);
     ds.setByteOrder(QDataStream::LittleEndian);
     ds.setFloatingPointPrecision(QDataStream::DoublePrecision);
-    return ds;
+    ds << quint16(headerSize + payload.size());
+    fields(ds);
+    Q_ASSERT(out.size() == headerSize);
+    return out + payload;
+}
+
+QByteArray expectedChannelBlock(const FrameSpec &s)
+{
+    const ChannelFields &c = s.channel;
+    return packet(s, 77, 1, [&](QDataStream &ds) {
+        ds << qint16(5) << qint16(3) << qint16(2) << qint16(6);
+        ds << qint8(s.kind) << qint8(c.nibbles & 0x0F) << qint8(c.nibbles >> 4) << qint8(s.byte16)
+           << qint8(s.byte7);
+        ds << qint16(s.sampleCount) << s.word5 << c.word20 << c.intA << c.intB;
+        ds << double(frameTimeMs(s.timeSec, s.timeSub)) << 1000.0 / double(s.timeSub);
+        ds << double(c.counterA) << double(c.counterB) << double(c.floatA) << double(c.floatB);
+    });
 }
 
 } // namespace
@@ -106,118 +148,46 @@ FrameSpec channelFrame(qint8 group, quint16 sampleCount, quint32 timeSec, quint3
     return s;
 }
 
-int sampleWidth(const FrameSpec &fs)
-{
-    return fs.kind == 1 ? 4 : 8;
-}
-
-QByteArray encodeHeader(const FrameSpec &s)
-{
-    QByteArray out;
-    out.reserve(HeaderSize);
-    put(out, s.magic, 4);
-    put(out, s.kind, 1);
-    put(out, quint16(s.word5), 2);
-    put(out, s.byte7, 1);
-    put(out, s.timeSec, 4);
-    put(out, s.timeSub, 4);
-    put(out, s.byte16, 1);
-    put(out, s.sampleCount, 2);
-    put(out, s.byte19, 1);
-    if (channelLayout(s)) {
-        const ChannelFields &c = s.channel;
-        put(out, quint16(c.word20), 2);
-        put(out, c.nibbles, 1);
-        put(out, c.byte23, 1);
-        put(out, c.counterA, 8);
-        put(out, c.counterB, 8);
-        put(out, quint32(c.intA), 4);
-        putF32(out, c.floatA);
-        putF32(out, c.floatB);
-        put(out, quint32(c.intB), 4);
-    } else {
-        const SingleFields &f = s.single;
-        put(out, f.counterA, 8);
-        put(out, f.counterB, 8);
-        put(out, quint32(f.intA), 4);
-        putF32(out, f.floatA);
-        put(out, quint16(f.word44), 2);
-        put(out, quint16(f.word46), 2);
-        put(out, f.reserved48, 4);
-        put(out, quint32(f.intB), 4);
-    }
-    Q_ASSERT(out.size() == HeaderSize);
-    return out;
-}
-
 QByteArray encodeFrame(const FrameSpec &s)
 {
     QByteArray out = encodeHeader(s);
     if (!s.payload.isEmpty())
-        out += s.payload;
-    else
-        out += generatedSamples(s, s.payloadSamples < 0 ? s.sampleCount : s.payloadSamples);
-    return out;
+        return out + s.payload;
+    const int count = s.payloadSamples < 0 ? s.sampleCount : s.payloadSamples;
+    QByteArray samples(count * (s.kind == 1 ? 4 : 8), Qt::Uninitialized);
+    quint32 x = s.seed * 2654435761u + 12345u;
+    for (int i = 0; i < samples.size(); ++i) {
+        x = x * 1664525u + 1013904223u;
+        samples[i] = char(x >> 24);
+    }
+    return out + samples;
 }
 
 QByteArray encodeStream(const QList<FrameSpec> &frames, int gap, char fill)
 {
     QByteArray out;
-    for (const FrameSpec &s : frames) {
-        out += encodeFrame(s);
-        out += QByteArray(gap, fill);
-    }
+    for (const FrameSpec &s : frames)
+        out += encodeFrame(s) + QByteArray(gap, fill);
     return out;
 }
 
 quint64 frameTimeMs(quint32 timeSec, quint32 timeSub)
 {
-    const double ns = double(timeSec) * 1e9 + double(timeSub);
-    const quint64 wholeNs = quint64(ns);
+    const quint64 wholeNs = quint64(double(timeSec) * 1e9 + double(timeSub));
     return quint64(double(wholeNs) / 1e6);
 }
 
 QByteArray expectedSinglePacket(const FrameSpec &s)
 {
-    const QByteArray payload = expectedPayload(s, 2);
-    const int total = 71 + payload.size();
-    QByteArray out;
-    QBuffer buf(&out);
-    buf.open(QIODevice::WriteOnly);
-    QDataStream ds(&buf);
-    prepare(ds);
-    ds << quint16(total) << qint16(5) << qint16(4) << qint16(2) << qint16(5);
-    ds << qint8(s.kind) << qint8((s.byte16 >> 1) & 1) << qint8((s.byte16 >> 2) & 1)
-       << qint8((s.byte16 >> 3) & 1) << qint8(s.byte16 & 1);
-    ds << qint16(s.sampleCount) << s.word5 << s.single.word44 << s.single.word46;
-    ds << s.single.intA << s.single.intB;
-    ds << double(frameTimeMs(s.timeSec, s.timeSub)) << 1000.0 / double(s.timeSub);
-    ds << double(s.single.counterA) << double(s.single.counterB) << double(s.single.floatA);
-    Q_ASSERT(out.size() == 71);
-    out += payload;
-    return out;
-}
-
-QByteArray expectedChannelBlock(const FrameSpec &s)
-{
-    const QByteArray payload = expectedPayload(s, 1);
-    const int total = 77 + payload.size();
-    QByteArray out;
-    QBuffer buf(&out);
-    buf.open(QIODevice::WriteOnly);
-    QDataStream ds(&buf);
-    prepare(ds);
-    ds << quint16(total) << qint16(5) << qint16(3) << qint16(2) << qint16(6);
-    ds << qint8(s.kind) << qint8(s.channel.nibbles & 0x0F) << qint8(s.channel.nibbles >> 4) << qint8(s.byte16)
-       << qint8(s.byte7);
-    ds << qint16(s.sampleCount) << s.word5 << s.channel.word20;
-    ds << s.channel.intA << s.channel.intB;
-    ds << double(frameTimeMs(s.timeSec, s.timeSub)) << 1000.0 / double(s.timeSub);
-    ds << double(s.channel.counterA) << double(s.channel.counterB) << double(s.channel.floatA)
-       << double(s.channel.floatB);
-    Q_ASSERT(out.size() == 77);
-    out += payload;
-    return out;
+    const SingleFields &f = s.single;
+    return packet(s, 71, 2, [&](QDataStream &ds) {
+        ds << qint16(5) << qint16(4) << qint16(2) << qint16(5);
+        ds << qint8(s.kind) << qint8((s.byte16 >> 1) & 1) << qint8((s.byte16 >> 2) & 1)
+           << qint8((s.byte16 >> 3) & 1) << qint8(s.byte16 & 1);
+        ds << qint16(s.sampleCount) << s.word5 << f.word44 << f.word46 << f.intA << f.intB;
+        ds << double(frameTimeMs(s.timeSec, s.timeSub)) << 1000.0 / double(s.timeSub);
+        ds << double(f.counterA) << double(f.counterB) << double(f.floatA);
+    });
 }
 
 QByteArray expectedChannelPacket(const QList<FrameSpec> &frames)

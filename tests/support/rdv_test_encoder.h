@@ -1,10 +1,7 @@
 #pragma once
 
-// Test-local encoder of device frames and of the Rdv packets the clients
-// should receive for them. It is written independently of the daemon's code:
-// frames are put together byte by byte, expected packets with a QDataStream
-// field by field, so a test never takes its expected bytes from the code it
-// checks.
+// Device frames byte by byte and the Rdv packets clients should get for them,
+// written apart from the daemon's code so expected bytes never come from it.
 
 #include <QByteArray>
 #include <QList>
@@ -75,10 +72,6 @@ FrameSpec singleFrame(quint16 sampleCount, quint32 timeSec = 1700000000, quint32
 FrameSpec channelFrame(qint8 group, quint16 sampleCount, quint32 timeSec = 1700000000,
                        quint32 timeSub = 250000000);
 
-// Bytes per sample of the layout the frame's kind stands for (4 for kind 1, else 8).
-int sampleWidth(const FrameSpec &fs);
-// The 56 header bytes.
-QByteArray encodeHeader(const FrameSpec &fs);
 // Header followed by the payload.
 QByteArray encodeFrame(const FrameSpec &fs);
 // Frames one after another, each followed by `gap` bytes of `fill` (the device
@@ -91,11 +84,8 @@ quint64 frameTimeMs(quint32 timeSec, quint32 timeSub);
 // Expected packet for a single frame: 71-byte header and, when magic, kind 2
 // and count allow, sampleCount x 8 payload bytes.
 QByteArray expectedSinglePacket(const FrameSpec &fs);
-// Expected sub-block for one channel frame: 77-byte header and, when magic,
-// kind 1 and count allow, sampleCount x 4 payload bytes.
-QByteArray expectedChannelBlock(const FrameSpec &fs);
-// Sub-blocks concatenated in the order given (callers list the groups in
-// ascending signed order, as the daemon's map is ordered).
+// One sub-block per frame (77-byte header, payload when magic, kind 1 and
+// count allow), in the order given: callers list groups in ascending order.
 QByteArray expectedChannelPacket(const QList<FrameSpec> &frames);
 
 } // namespace RdvTest

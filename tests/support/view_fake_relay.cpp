@@ -29,7 +29,6 @@ void ViewFakeRelay::onNewConnection()
         ws->setParent(this);
         m_clients.append(ws);
         connect(ws, &QWebSocket::textMessageReceived, this, [this, ws](const QString &msg) {
-            m_received.append(msg);
             if (msg.startsWith(QLatin1String("ims:")))
                 ws->sendTextMessage(msg + QStringLiteral(" OK"));
         });

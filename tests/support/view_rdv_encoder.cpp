@@ -8,11 +8,7 @@ QByteArray ViewRdvEncoder::block(const ViewBlockSpec &fs)
     QDataStream s(&out, QIODevice::WriteOnly);
     s.setByteOrder(QDataStream::LittleEndian);
     s.setFloatingPointPrecision(QDataStream::DoublePrecision);
-    s << quint16(0);
-    if (fs.channel)
-        s << qint16(5) << qint16(3) << qint16(2) << qint16(6);
-    else
-        s << qint16(5) << qint16(4) << qint16(2) << qint16(5);
+    s << quint16(0) << qint16(5) << qint16(fs.channel ? 3 : 4) << qint16(2) << qint16(fs.channel ? 6 : 5);
     s << fs.frameType << fs.small[0] << fs.small[1] << fs.small[2] << fs.small[3];
     s << fs.sampleCount << fs.word5 << fs.wordA;
     if (!fs.channel)
@@ -41,20 +37,18 @@ QByteArray ViewRdvEncoder::channelPacket(const QVector<ViewBlockSpec> &blocks)
 }
 
 namespace {
-void fill(ViewBlockSpec &b, int samples, qint32 scale)
+ViewBlockSpec filled(ViewBlockSpec b, int samples, qint32 scale)
 {
     b.sampleCount = quint16(samples);
-    for (int i = 0; i < samples; ++i) {
-        b.values.append(qint32((i % 7 - 3) * scale));
-        b.values.append(qint32(-(i % 5) * scale + 1));
-    }
+    for (int i = 0; i < samples; ++i)
+        b.values << qint32((i % 7 - 3) * scale) << qint32(-(i % 5) * scale + 1);
+    return b;
 }
 } // namespace
 
 ViewBlockSpec ViewRdvEncoder::single(int samples, double timeMs)
 {
     ViewBlockSpec b;
-    b.channel = false;
     b.frameType = 2;
     b.small[0] = 1;
     b.small[3] = 1;
@@ -68,8 +62,7 @@ ViewBlockSpec ViewRdvEncoder::single(int samples, double timeMs)
     b.counterA = 18446744073709551615.0;
     b.counterB = 3;
     b.floatA = 1.5;
-    fill(b, samples, 100000);
-    return b;
+    return filled(b, samples, 100000);
 }
 
 ViewBlockSpec ViewRdvEncoder::channel(qint8 group, int samples, double timeMs)
@@ -91,6 +84,5 @@ ViewBlockSpec ViewRdvEncoder::channel(qint8 group, int samples, double timeMs)
     b.counterB = 32;
     b.floatA = -0.25;
     b.floatB = 48.5;
-    fill(b, samples, 1000);
-    return b;
+    return filled(b, samples, 1000);
 }

@@ -1,8 +1,7 @@
 #pragma once
 
-// Test-local writer of relay packets, kept apart from the relay's own packet
-// builder so that decoder tests compare against an independent reading of
-// the wire format.
+// Relay packets written apart from the relay's own builder, so decoder tests
+// compare against an independent reading of the wire format.
 
 #include <QByteArray>
 #include <QVector>
@@ -33,8 +32,7 @@ public:
     static QByteArray block(const ViewBlockSpec &fs);
     static QByteArray channelPacket(const QVector<ViewBlockSpec> &blocks);
 
-    // Convenience specs: a single frame or a channel block with `samples`
-    // samples whose values follow a small deterministic pattern (0 = header only).
+    // A single frame or a channel block of `samples` patterned samples (0: header only).
     static ViewBlockSpec single(int samples, double timeMs = 1500);
     static ViewBlockSpec channel(qint8 group, int samples, double timeMs = 1500);
 

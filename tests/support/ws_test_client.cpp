@@ -5,6 +5,7 @@
 #include <QNetworkProxy>
 #include <QRandomGenerator>
 #include <QSignalSpy>
+#include <QTest>
 #include <QUrl>
 
 namespace RdvTest {
@@ -17,6 +18,18 @@ bool startOnFreePort(WebSocketServer &server)
             return true;
     }
     return false;
+}
+
+WsTestClient *connectClient(WebSocketServer &server, QObject *parent)
+{
+    auto *c = new WsTestClient(parent);
+    const int before = server.clientCount();
+    // The handshake completes on the client before the server has taken it up.
+    if (c->open(server.serverPort()) &&
+        QTest::qWaitFor([&] { return server.clientCount() == before + 1; }, 5000))
+        return c;
+    delete c;
+    return nullptr;
 }
 
 WsTestClient::WsTestClient(QObject *parent) : QObject(parent)

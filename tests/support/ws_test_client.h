@@ -1,7 +1,7 @@
 #pragma once
 
-// WebSocket test helpers: start a WebSocketServer on a free high port and a
-// real QWebSocket client on 127.0.0.1 that records what it receives.
+// A WebSocketServer on a free high port and real QWebSocket clients on
+// 127.0.0.1 that record what they receive.
 
 #include <QByteArray>
 #include <QList>
@@ -15,6 +15,10 @@ namespace RdvTest {
 
 // Starts the server on a random free high port; false when none was found.
 bool startOnFreePort(WebSocketServer &server);
+
+class WsTestClient;
+// A client of `server`, once the server has taken it into its table; null on failure.
+WsTestClient *connectClient(WebSocketServer &server, QObject *parent);
 
 // The socket pointer a signal of the server carried (QSignalSpy arguments),
 // read without touching the object: it may already be deleted.

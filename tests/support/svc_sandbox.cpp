@@ -4,37 +4,38 @@
 #include <QFile>
 #include <QProcess>
 
-namespace {
-
-QString mountScript(const QString &root, const QString &setup)
+SvcRun svcRun(const QString &program, const QStringList &arguments, const QProcessEnvironment &environment,
+              int timeoutMs)
 {
-    return QStringLiteral("set -e\n"
-                          "mount -t overlay korbsvc -o lowerdir=/etc,upperdir=%1/upper,workdir=%1/work /etc\n"
-                          "mount --bind %1/unit /usr/lib/systemd/system\n"
-                          "%2\n"
-                          "exec \"$@\"\n")
-        .arg(root, setup);
+    QProcess process;
+    process.setProcessEnvironment(environment);
+    process.start(program, arguments);
+    SvcRun run;
+    if (!process.waitForStarted(timeoutMs))
+        return run;
+    run.finished = process.waitForFinished(timeoutMs) && process.exitStatus() == QProcess::NormalExit;
+    if (run.finished) {
+        run.exitCode = qint8(process.exitCode());
+    } else {
+        process.kill();
+        process.waitForFinished(1000);
+    }
+    run.out = process.readAllStandardOutput();
+    run.err = process.readAllStandardError();
+    return run;
 }
-
-} // namespace
 
 SvcSandbox::SvcSandbox()
 {
-    QDir root(m_dir.path());
-    root.mkpath(QStringLiteral("upper"));
-    root.mkpath(QStringLiteral("work"));
-    root.mkpath(QStringLiteral("unit"));
+    for (const char *sub : {"upper", "work", "unit"})
+        QDir(m_dir.path()).mkpath(QString::fromLatin1(sub));
 }
-
-SvcSandbox::~SvcSandbox() = default;
 
 QString SvcSandbox::unavailableReason()
 {
     static const QString reason = [] {
         SvcSandbox probe;
-        const SvcRun run =
-            probe.run(QStringLiteral("/bin/sh"),
-                      {QStringLiteral("-c"), QStringLiteral("echo probe > /etc/korbsvc-probe")});
+        const SvcRun run = probe.run(QStringLiteral("/bin/sh"), {"-c", "echo probe > /etc/korbsvc-probe"});
         if (!run.finished || run.exitCode != 0)
             return QStringLiteral("private mount namespace with an /etc overlay not permitted here: %1")
                 .arg(QString::fromLocal8Bit(run.err.trimmed()));
@@ -47,21 +48,6 @@ QString SvcSandbox::unavailableReason()
     return reason;
 }
 
-QString SvcSandbox::etcDir() const
-{
-    return m_dir.path() + QStringLiteral("/upper");
-}
-
-QString SvcSandbox::unitDir() const
-{
-    return m_dir.path() + QStringLiteral("/unit");
-}
-
-QString SvcSandbox::registryPath() const
-{
-    return etcDir() + QStringLiteral("/KorbService.conf");
-}
-
 void SvcSandbox::writeRegistry(const QByteArray &ini)
 {
     QFile file(registryPath());
@@ -69,32 +55,18 @@ void SvcSandbox::writeRegistry(const QByteArray &ini)
         file.write(ini);
 }
 
-QByteArray SvcSandbox::readRegistry() const
-{
-    QFile file(registryPath());
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
 SvcRun SvcSandbox::run(const QString &program, const QStringList &arguments,
-                       const QProcessEnvironment &environment, const QString &setup, int timeoutMs) const
+                       const QProcessEnvironment &environment, const QString &setup) const
 {
-    QProcess process;
-    process.setProcessEnvironment(environment);
-    process.start(QStringLiteral("unshare"),
-                  QStringList{QStringLiteral("--mount"), QStringLiteral("--propagation"),
-                              QStringLiteral("private"), QStringLiteral("/bin/sh"), QStringLiteral("-c"),
-                              mountScript(m_dir.path(), setup), QStringLiteral("sh"), program} +
-                      arguments);
-    SvcRun result;
-    if (!process.waitForStarted(timeoutMs))
-        return result;
-    result.finished = process.waitForFinished(timeoutMs) && process.exitStatus() == QProcess::NormalExit;
-    if (!result.finished) {
-        process.kill();
-        process.waitForFinished(1000);
-    }
-    result.exitCode = qint8(process.exitCode()); // -1 and -4 as the program returned them
-    result.out = process.readAllStandardOutput();
-    result.err = process.readAllStandardError();
-    return result;
+    const QString script =
+        QStringLiteral("set -e\n"
+                       "mount -t overlay korbsvc -o lowerdir=/etc,upperdir=%1/upper,workdir=%1/work /etc\n"
+                       "mount --bind %1/unit /usr/lib/systemd/system\n"
+                       "%2\n"
+                       "exec \"$@\"\n")
+            .arg(m_dir.path(), setup);
+    return svcRun(QStringLiteral("unshare"),
+                  QStringList{"--mount", "--propagation", "private", "/bin/sh", "-c", script, "sh", program} +
+                      arguments,
+                  environment);
 }

@@ -6,7 +6,8 @@
 #include <QStringList>
 #include <QTemporaryDir>
 
-// The outcome of one run of a program.
+// The outcome of one run of a program; the exit code as the program returned
+// it (-1 and -4, not 255 and 252), and -1000 unless it ended normally in time.
 struct SvcRun
 {
     bool finished = false;
@@ -15,34 +16,34 @@ struct SvcRun
     QByteArray err;
 };
 
-// Runs programs inside a private mount namespace in which /etc is an overlay
-// whose writes land in a temporary directory, and /usr/lib/systemd/system is
-// an empty temporary directory. The machine's own registry, unit files and
-// init scripts are never touched, and the rest of /etc stays usable.
+// Runs `program` to its end, killing it when `timeoutMs` runs out.
+SvcRun svcRun(const QString &program, const QStringList &arguments,
+              const QProcessEnvironment &environment = QProcessEnvironment::systemEnvironment(),
+              int timeoutMs = 30000);
+
+// Runs programs in a private mount namespace where /etc is an overlay whose
+// writes land here and /usr/lib/systemd/system is an empty directory, so the
+// machine's registry, units and init scripts are never touched.
 class SvcSandbox
 {
     Q_DISABLE_COPY(SvcSandbox)
 
 public:
     SvcSandbox();
-    ~SvcSandbox();
 
     // Empty when namespaces and overlay mounts work here, else why not.
     static QString unavailableReason();
 
     // What the sandboxed /etc received (the overlay's upper layer).
-    QString etcDir() const;
-    // What the sandboxed /usr/lib/systemd/system holds.
-    QString unitDir() const;
-    QString registryPath() const;
+    QString etcDir() const { return m_dir.path() + QStringLiteral("/upper"); }
+    QString unitDir() const { return m_dir.path() + QStringLiteral("/unit"); }
+    QString registryPath() const { return etcDir() + QStringLiteral("/KorbService.conf"); }
     void writeRegistry(const QByteArray &ini);
-    QByteArray readRegistry() const;
 
-    // Runs `program` with `arguments` inside the sandbox. `setup` is shell
-    // text run inside the namespace after the mounts, before the program.
+    // `setup` is shell text run inside the namespace after the mounts.
     SvcRun run(const QString &program, const QStringList &arguments,
                const QProcessEnvironment &environment = QProcessEnvironment::systemEnvironment(),
-               const QString &setup = QString(), int timeoutMs = 30000) const;
+               const QString &setup = QString()) const;
 
 private:
     QTemporaryDir m_dir;

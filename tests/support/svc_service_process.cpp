@@ -28,15 +28,11 @@ QString uniqueName(const QString &stem)
         .arg(QRandomGenerator::global()->bounded(100000));
 }
 
-QString loginName()
-{
-    const passwd *entry = ::getpwuid(::getuid());
-    return entry ? QString::fromLocal8Bit(entry->pw_name) : QString::number(::getuid());
-}
-
 QString socketPathFor(const QString &encodedName)
 {
-    return QStringLiteral("/var/tmp/%1.%2").arg(encodedName, loginName());
+    const passwd *entry = ::getpwuid(::getuid());
+    const QString login = entry ? QString::fromLocal8Bit(entry->pw_name) : QString::number(::getuid());
+    return QStringLiteral("/var/tmp/%1.%2").arg(encodedName, login);
 }
 
 QStringList readLog(const QString &path)
@@ -58,33 +54,29 @@ qint64 startedPid(const QString &logPath)
     return 0;
 }
 
-SvcRun runProgram(const QStringList &arguments, const QProcessEnvironment &environment)
+QProcessEnvironment managementEnvironment(const QString &logPath)
 {
-    QProcess process;
-    process.setProcessEnvironment(environment);
-    process.start(testServiceProgram(), arguments);
-    SvcRun run;
-    if (!process.waitForStarted(5000))
-        return run;
-    run.finished = process.waitForFinished(20000) && process.exitStatus() == QProcess::NormalExit;
-    if (!run.finished) {
-        process.kill();
-        process.waitForFinished(1000);
-    }
-    run.exitCode = qint8(process.exitCode());
-    run.out = process.readAllStandardOutput();
-    run.err = process.readAllStandardError();
-    return run;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.remove(QStringLiteral("KORBSERVICE_RUN"));
+    if (!logPath.isEmpty())
+        environment.insert(QStringLiteral("KORB_TEST_SERVICE_LOG"), logPath);
+    return environment;
 }
 
-void killPid(qint64 pid)
+SvcRun runProgram(const QStringList &arguments, const QProcessEnvironment &environment)
 {
-    if (pid <= 0 || ::kill(pid_t(pid), 0) != 0)
-        return;
-    ::kill(pid_t(pid), SIGKILL);
-    const QDeadlineTimer deadline(3000);
-    while (::kill(pid_t(pid), 0) == 0 && !deadline.hasExpired())
-        QThread::msleep(10);
+    return svcRun(testServiceProgram(), arguments, environment, 20000);
+}
+
+DetachedGuard::~DetachedGuard()
+{
+    const pid_t pid = pid_t(startedPid(log));
+    if (pid > 0 && ::kill(pid, SIGKILL) == 0) {
+        const QDeadlineTimer deadline(3000);
+        while (::kill(pid, 0) == 0 && !deadline.hasExpired())
+            QThread::msleep(10);
+    }
+    QFile::remove(socket);
 }
 
 } // namespace SvcTest
@@ -103,38 +95,20 @@ SvcServiceProcess::~SvcServiceProcess()
     QFile::remove(socketPath());
 }
 
-QString SvcServiceProcess::socketPath() const
-{
-    return SvcTest::socketPathFor(m_name);
-}
-
-QString SvcServiceProcess::logPath() const
-{
-    return m_dir.path() + QStringLiteral("/service.log");
-}
-
-QStringList SvcServiceProcess::log() const
-{
-    return SvcTest::readLog(logPath());
-}
-
-bool SvcServiceProcess::start(const QStringList &extraArguments)
+bool SvcServiceProcess::start()
 {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(QStringLiteral("KORBSERVICE_RUN"), QStringLiteral("1"));
     environment.insert(QStringLiteral("KORB_TEST_SERVICE_LOG"), logPath());
     environment.insert(QStringLiteral("KORB_TEST_SERVICE_FLAGS"), QString::number(m_flags));
     m_process.setProcessEnvironment(environment);
-    m_process.start(SvcTest::testServiceProgram(),
-                    QStringList{QStringLiteral("-n"), m_name} + extraArguments);
+    m_process.start(SvcTest::testServiceProgram(), {QStringLiteral("-n"), m_name});
     if (!m_process.waitForStarted(5000))
         return false;
     const QDeadlineTimer deadline(10000);
-    while (!deadline.hasExpired()) {
-        if (QFileInfo(socketPath()).exists() && SvcTest::startedPid(logPath()) > 0)
+    while (!deadline.hasExpired() && m_process.state() != QProcess::NotRunning) {
+        if (QFileInfo::exists(socketPath()) && SvcTest::startedPid(logPath()) > 0)
             return true;
-        if (m_process.state() == QProcess::NotRunning)
-            return false;
         QThread::msleep(10);
     }
     return false;

@@ -7,7 +7,8 @@
 #include <QStringList>
 #include <QTemporaryDir>
 
-// Helpers around the framework's test service, korb_test_service.
+// Helpers around the framework's test service, korb_test_service, which
+// records each operation the framework calls as one line of a log file.
 namespace SvcTest {
 
 QString testServiceProgram();
@@ -15,22 +16,29 @@ QString testServiceProgram();
 QString uniqueName(const QString &stem);
 // The control socket path of an instance, built here independently.
 QString socketPathFor(const QString &encodedName);
-QString loginName();
-// The lines the test service has recorded so far.
 QStringList readLog(const QString &path);
 // The pid from the test service's "start pid=N ..." line, 0 when none.
 qint64 startedPid(const QString &logPath);
-// Runs the test service outside any sandbox (for commands that read no
-// registry); the exit code is seen as the program returned it (-1, -4).
+// The environment of a management command: not the service process, and
+// recording to `logPath` when one is given.
+QProcessEnvironment managementEnvironment(const QString &logPath = QString());
+// Runs the test service outside any sandbox (for commands that read no registry).
 SvcRun runProgram(const QStringList &arguments,
-                  const QProcessEnvironment &environment = QProcessEnvironment::systemEnvironment());
-// Kills a process that a test started detached, if it still runs.
-void killPid(qint64 pid);
+                  const QProcessEnvironment &environment = managementEnvironment());
+
+// Kills a service that a test started detached and removes its socket file,
+// however the test ends.
+struct DetachedGuard
+{
+    QString log;
+    QString socket;
+    ~DetachedGuard();
+};
 
 } // namespace SvcTest
 
-// The test service running as the service process of one instance, with
-// its control channel open. Killed and cleaned up on destruction.
+// The test service running as the service process of one instance, with its
+// control channel open. Killed and cleaned up on destruction.
 class SvcServiceProcess
 {
     Q_DISABLE_COPY(SvcServiceProcess)
@@ -40,11 +48,11 @@ public:
     ~SvcServiceProcess();
 
     // Starts it and waits for its socket; false when it did not come up.
-    bool start(const QStringList &extraArguments = QStringList());
+    bool start();
     QString name() const { return m_name; }
-    QString socketPath() const;
-    QString logPath() const;
-    QStringList log() const;
+    QString socketPath() const { return SvcTest::socketPathFor(m_name); }
+    QString logPath() const { return m_dir.path() + QStringLiteral("/service.log"); }
+    QStringList log() const { return SvcTest::readLog(logPath()); }
     QProcess &process() { return m_process; }
 
 private:

@@ -40,6 +40,15 @@ const char *signalDescription(int sig)
     }
 }
 
+// Time the handler's work may take before the process is ended regardless.
+constexpr unsigned ForcedExitSeconds = 2;
+volatile std::sig_atomic_t g_exitStatus = 0;
+
+void forced_exit(int)
+{
+    ::_exit(g_exitStatus);
+}
+
 // Logging, the object lookup and halt() run straight from the signal context:
 // the process ends right after, and the log line is what operators look for.
 void sig_handler(int sig)
@@ -49,6 +58,12 @@ void sig_handler(int sig)
         KLOG(nullptr, 0, QObject::tr("undefined signal %1 - ignore").arg(sig));
         return;
     }
+    // That work allocates and takes locks; should the signal have interrupted
+    // code holding one of them (the allocator, Qt internals), it would wait
+    // forever. The alarm then ends the process with the same status.
+    g_exitStatus = sig;
+    std::signal(SIGALRM, forced_exit);
+    ::alarm(ForcedExitSeconds);
     KLOG(nullptr, -1,
          QObject::tr("handle the signal '%1' - stop programm").arg(QString::fromLatin1(description)));
     if (QCoreApplication *app = QCoreApplication::instance()) {

@@ -37,6 +37,8 @@ private slots:
     void broadcastsOnePacketToEveryClient();
     void nothingBuiltWithoutClients();
     void clientTable();
+    void incomingMessageCap_data();
+    void incomingMessageCap();
     void stopClosesClients();
     void stalledClientIsBoundedAndDoesNotDelayOthers();
 
@@ -293,6 +295,32 @@ void TestRdvWsServer::stalledClientIsBoundedAndDoesNotDelayOthers()
     m_server->sendRdv(asFrame(RdvTest::encodeFrame(last)));
     QByteArray tail;
     QTRY_VERIFY((tail += stalled.readAll(), tail.endsWith(RdvTest::expectedSinglePacket(last))));
+}
+
+void TestRdvWsServer::incomingMessageCap_data()
+{
+    QTest::addColumn<int>("size");
+    QTest::addColumn<bool>("answered");
+    QTest::newRow("at the cap: an ordinary reply") << int(WebSocketServer::MaxClientMessageSize) << true;
+    QTest::newRow("one byte over: the connection is closed")
+        << int(WebSocketServer::MaxClientMessageSize) + 1 << false;
+}
+
+void TestRdvWsServer::incomingMessageCap()
+{
+    // A client cannot make the relay buffer an arbitrarily large message.
+    QFETCH(int, size);
+    QFETCH(bool, answered);
+    WsTestClient *c = connectClient();
+    QVERIFY(c);
+    c->socket().sendTextMessage(QString(size, QLatin1Char('x')));
+    if (answered) {
+        QTRY_COMPARE(c->texts, QStringList{QStringLiteral("Err: symbol ':' no found")});
+    } else {
+        QTRY_VERIFY(c->disconnected);
+        QCOMPARE(c->closeCode, int(QWebSocketProtocol::CloseCodeTooMuchData));
+        QTRY_COMPARE(m_server->clientCount(), 0);
+    }
 }
 
 QTEST_GUILESS_MAIN(TestRdvWsServer)

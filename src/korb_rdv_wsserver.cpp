@@ -11,7 +11,6 @@
 #include <QTimerEvent>
 #include <QWebSocket>
 
-
 namespace {
 
 // Time of the last client connection and of the last playback (re)start.

@@ -1,46 +1,16 @@
 // Installation as a real systemd unit: the real executable in a throwaway
 // container whose process 1 is systemd, through install, start, query, stop
 // and uninstall.
+#include "support/svc_container.h"
 #include "support/svc_service_process.h"
 
-#include <QFileInfo>
 #include <QtTest>
 
 #include <unistd.h>
 
 namespace {
-
-// The container tool lives in the shared folder beside the checkout.
-QString containerTool()
-{
-    const QFileInfo beside(QStringLiteral(KORB_SOURCE_DIR "/../shared/tools/systemd-container"));
-    return beside.isExecutable() ? beside.canonicalFilePath()
-                                 : QStringLiteral("/work/shared/tools/systemd-container");
-}
-// Boot takes about a second here; the tool gives up after 60 s by itself.
-constexpr int BootWaitMs = 90000;
-constexpr int ToolWaitMs = 60000;
 // The container mounts its own /tmp, so the programs are bound in here.
 const QString ProgramsInContainer = QStringLiteral("/opt/korbsvc/bin");
-
-SvcRun runTool(const QStringList &arguments, int timeoutMs = ToolWaitMs)
-{
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(
-        QStringLiteral("KTC_NSPAWN_OPTS"),
-        QStringLiteral("--bind-ro=%1:%2")
-            .arg(QFileInfo(QStringLiteral(KORB_TEST_PROGRAMS_DIR)).canonicalFilePath(), ProgramsInContainer));
-    return svcRun(containerTool(), arguments, environment, timeoutMs);
-}
-
-// Stops the container however the test leaves, a failed boot included.
-struct Container
-{
-    QString name = QStringLiteral("ksvc%1").arg(::getpid());
-    ~Container() { runTool({QStringLiteral("stop"), name}); }
-    SvcRun exec(const QStringList &command) const { return runTool(QStringList{"exec", name} + command); }
-};
-
 } // namespace
 
 class tst_KorbServiceSystemd : public QObject
@@ -53,18 +23,15 @@ private slots:
 
 void tst_KorbServiceSystemd::unitLifecycle()
 {
-    if (::geteuid() != 0)
-        QSKIP("the systemd container needs root");
-    if (!QFileInfo(containerTool()).isExecutable())
-        QSKIP("no systemd container tool here");
-    if (!QFileInfo::exists(QStringLiteral("/usr/bin/systemd-nspawn")))
-        QSKIP("systemd-nspawn is missing (package systemd-container)");
+    const QString unavailable = SvcContainer::unavailableReason();
+    if (!unavailable.isEmpty())
+        QSKIP(qPrintable(unavailable));
 
-    const Container container;
-    const SvcRun boot = runTool({QStringLiteral("start"), container.name}, BootWaitMs);
-    if (!boot.finished || boot.exitCode != 0)
-        QSKIP(qPrintable(QStringLiteral("the systemd container did not boot: %1")
-                             .arg(QString::fromLocal8Bit(boot.out + boot.err).trimmed().right(400))));
+    SvcContainer container(QStringLiteral("ksvc"), QStringLiteral(KORB_TEST_PROGRAMS_DIR),
+                           ProgramsInContainer);
+    const QString failedBoot = container.boot();
+    if (!failedBoot.isEmpty())
+        QSKIP(qPrintable(failedBoot));
 
     const QString program = ProgramsInContainer + QStringLiteral("/korb_test_service");
     const QString name = QStringLiteral("svc.Unit%1").arg(::getpid());

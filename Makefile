@@ -2,17 +2,19 @@
 #   make / make build   install what is missing, build into build/
 #   make test           build, run every test, then again under ASan+UBSan
 #   make demo           build and run the relay on the embedded recording
+#   make package        build, then korbrdv_<version>_<arch>.deb in this folder
 SHELL := /bin/bash
 JOBS  ?= $(shell nproc 2>/dev/null || echo 2)
 SUDO  := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
 # Debian packages the build and the tests need.
-DEB_PACKAGES := cmake g++ make qtbase5-dev libqt5websockets5-dev util-linux
+# dpkg-dev and file: the package's dependencies are read from its binaries.
+DEB_PACKAGES := cmake g++ make qtbase5-dev libqt5websockets5-dev util-linux dpkg-dev file
 # The browser viewer's tests also want node, npm and chromium (installed
 # below when their commands are missing); where they cannot be had, those
-# tests skip.
+# tests skip. lintian, which the package test runs, is installed the same way.
 
-.PHONY: all build deps test test-plain test-asan demo clean format
+.PHONY: all build deps test test-plain test-asan demo package clean format
 
 DEMO_PORT ?= 3005
 DEMO_FILE := build/demo/recording.rdv
@@ -39,6 +41,10 @@ deps:
 	    DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq --no-install-recommends $$missing ) \
 	  || echo "could not install$$missing: the browser viewer tests will be skipped"; \
 	fi
+	@command -v lintian >/dev/null || \
+	  ( $(SUDO) apt-get update -qq && \
+	    DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq --no-install-recommends lintian ) \
+	  || echo "could not install lintian: the package test will not run it"
 	@# The service tests boot a throwaway systemd container where they can;
 	@# its package must match the installed systemd exactly.
 	@if ! command -v systemd-nspawn >/dev/null && v=$$(dpkg-query -W -f='$${Version}' systemd 2>/dev/null); then \
@@ -81,8 +87,12 @@ demo: build
 	@echo
 	build/bin/KorbRdv_streamer -e -n KorbRdv.demo -p $(DEMO_PORT) -file=$(CURDIR)/$(DEMO_FILE) -nofile
 
+# The Debian package, built by CPack from build/ (package/package.cmake).
+package: build
+	cmake --build build --target package
+
 format:
 	git ls-files '*.cpp' '*.h' | xargs clang-format -i
 
 clean:
-	rm -rf build build-asan
+	rm -rf build build-asan korbrdv_*.deb

@@ -222,8 +222,11 @@ void tst_KorbPackage::installRunPurge()
         unitFile.constData());
 
     QCOMPARE(container.exec({"systemctl", "start", "KorbRdv.pkg"}).exitCode, 0);
-    const QByteArray running = QStringLiteral("KorbRdv.pkg\t1\t").toUtf8();
-    QTRY_VERIFY_WITH_TIMEOUT(container.exec({"KorbRdv_streamer", "-q"}).out.startsWith(running), 20000);
+    // The query through the link finds the instance the registry holds under the real path.
+    const QRegularExpression running(QStringLiteral("^KorbRdv\\.pkg\t1\t.*\t'%1'\n$")
+                                         .arg(QRegularExpression::escape(relay + QLatin1Char(' ') + args)));
+    QTRY_VERIFY_WITH_TIMEOUT(
+        running.match(QString::fromUtf8(container.exec({"KorbRdv_streamer", "-q"}).out)).hasMatch(), 20000);
     SvcRun client;
     QTRY_VERIFY_WITH_TIMEOUT((client = container.exec({"korb_rdv_client", "ws://127.0.0.1:3011", "--count",
                                                        "5", "--timeout", "10"}))

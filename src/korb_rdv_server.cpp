@@ -270,7 +270,8 @@ void KorbRdvStreamer::all_start()
 {
     if (m_replay)
         return;
-    if (!init())
+    const QPointer<KorbRdvStreamer> self(this);
+    if (!init() && self)
         KLOG(this, -1, tr("выход из приложения"));
 }
 
@@ -360,7 +361,10 @@ bool KorbRdvStreamer::init()
     KLOG(this, 1, tr("инициализация завершена"));
     if (m_tcpClients.isEmpty())
         createTcpClient();
-    if (!createConnect())
+    // The device connection waits in a nested event loop, whose events may
+    // delete this object: nothing of it is touched after that.
+    const QPointer<KorbRdvStreamer> self(this);
+    if (!createConnect() || !self)
         return false;
     KLOG(this, 1, tr("установлен интервал отправки: %1").arg(Korb::sendIntervalMs));
     m_wakeUpper->start();
@@ -370,9 +374,16 @@ bool KorbRdvStreamer::init()
 
 bool KorbRdvStreamer::createConnect()
 {
-    for (const QPointer<KorbRdvStreamerTcp> &tcp : qAsConst(m_tcpClients))
+    // A connection waits in a nested event loop: the table is walked as a
+    // copy, and an object deleted meanwhile is left alone.
+    const QPointer<KorbRdvStreamer> self(this);
+    const QList<QPointer<KorbRdvStreamerTcp>> clients = m_tcpClients.values();
+    for (const QPointer<KorbRdvStreamerTcp> &tcp : clients) {
         if (tcp)
             tcp->rearm();
+        if (!self)
+            return false;
+    }
     bool ok = true;
     if (m_udpPorts[0] && m_udpPorts[1]) {
         delete m_udp;
@@ -468,12 +479,6 @@ void KorbRdvStreamer::del(QObject *object)
         m_wakeUpper = nullptr;
 }
 
-void KorbRdvStreamer::qExit(QObject *)
-{
-    if (Korb::lastHandledSignal != 0)
-        ::exit(Korb::lastHandledSignal);
-}
-
 void KorbRdvStreamer::iniR(const QString &path)
 {
     if (m_readingSuppressed)
@@ -497,11 +502,18 @@ void KorbRdvStreamer::iniR(const QString &path)
     }
     // Deliberate pause that keeps the application responsive: an editor that
     // saves in several steps has finished before the next reading.
+    // Events of the pause may delete this object; then the reading ends at
+    // once and nothing of it is touched.
+    const QPointer<KorbRdvStreamer> self(this);
     QElapsedTimer wait;
     wait.start();
     while (wait.elapsed() <= 349) {
         if (QCoreApplication::instance())
             QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+        if (!self) {
+            Korb::setCurrentDir(Korb::appDir());
+            return;
+        }
         QThread::msleep(10);
     }
     if (!m_watcher) {

@@ -78,7 +78,6 @@ public slots:
     void iniR(const QString &path);
     void slotTimerOneSecond();
     void del(QObject *object);
-    void qExit(QObject *object);
 
 private:
     void parseArguments(const QStringList &arguments);

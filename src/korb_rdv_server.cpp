@@ -134,6 +134,7 @@ KorbRdvStreamer::KorbRdvStreamer(QObject *parent, bool underService, const QStri
 KorbRdvStreamer::~KorbRdvStreamer()
 {
     KLOG(this, 1, tr("завершение работы сервера %1").arg(QLatin1String(ProgramName)));
+    m_destroying = true;
     halt();
     KLOG(this, 1, tr("приложение завершено"));
     if (Korb::logThreshold > 3)
@@ -427,7 +428,10 @@ void KorbRdvStreamer::stopSequence(const QString &firstText)
         KLOG(this, 1, tr("фильтр сообщений сброшен"));
     }
     logger->resetFilter();
-    QTimer::singleShot(StopStepMs, this, &KorbRdvStreamer::final);
+    // A timer of an object being destroyed never fires and would be left
+    // behind when the event loop has already ended.
+    if (!m_destroying)
+        QTimer::singleShot(StopStepMs, this, &KorbRdvStreamer::final);
 }
 
 void KorbRdvStreamer::halt()

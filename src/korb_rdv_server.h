@@ -98,6 +98,7 @@ private:
     bool m_readingSuppressed = false;
     bool m_locked = false;
     bool m_fatal = false;
+    bool m_destroying = false;
     QString m_configFile;
     QString m_deviceHost;
     quint16 m_devicePort = 0;

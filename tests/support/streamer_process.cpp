@@ -54,7 +54,27 @@ bool StreamerProcess::startService(const QStringList &extra, QString *why)
 {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(QStringLiteral("KORBSERVICE_RUN"), QStringLiteral("1"));
+    // The service process closes its error stream before it ends, so a
+    // sanitizer's report at exit is written to a file instead.
+    for (const QString &name : {QStringLiteral("ASAN_OPTIONS"), QStringLiteral("UBSAN_OPTIONS")}) {
+        const QString options = environment.value(name);
+        environment.insert(name, (options.isEmpty() ? options : options + QLatin1Char(':')) +
+                                     QStringLiteral("log_path=") +
+                                     m_dir.filePath(QStringLiteral("sanitizer")));
+    }
     return launch({}, extra, environment, why);
+}
+
+QString StreamerProcess::sanitizerReport() const
+{
+    QString text;
+    const QDir dir(m_dir.path());
+    for (const QString &name : dir.entryList({QStringLiteral("sanitizer.*")}, QDir::Files)) {
+        QFile f(dir.filePath(name));
+        if (f.open(QIODevice::ReadOnly))
+            text += QString::fromLocal8Bit(f.readAll());
+    }
+    return text;
 }
 
 QString StreamerProcess::controlSocketPath() const

@@ -20,6 +20,8 @@ public:
     // The same as the service process: `KorbRdv_streamer -n NAME -p PORT -ld
     // LOGDIR <extra>` with KORBSERVICE_RUN=1.
     bool startService(const QStringList &extra, QString *why);
+    // What a sanitizer reported in a service process, empty when nothing.
+    QString sanitizerReport() const;
     // The control socket of the instance (its name encodes to itself).
     QString controlSocketPath() const;
     quint16 port() const { return m_port; }

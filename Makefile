@@ -1,6 +1,8 @@
 # One-command set-up for a fresh Debian 12 machine.
 #   make / make build   install what is missing, build into build/
-#   make test           build, run every test, then again under ASan+UBSan
+#   make test           build, run every test, then again under ASan+UBSan,
+#                       then every fuzz target for 10 s over its corpus
+#   make fuzz           every fuzz target for FUZZ_SECONDS (default 60)
 #   make demo           build and run the relay on the embedded recording
 #   make package        build, then korbrdv_<version>_<arch>.deb in this folder
 SHELL := /bin/bash
@@ -14,16 +16,23 @@ DEB_PACKAGES := cmake g++ make qtbase5-dev libqt5websockets5-dev util-linux dpkg
 # below when their commands are missing); where they cannot be had, those
 # tests skip. lintian, which the package test runs, is installed the same way.
 
-.PHONY: all build deps test test-plain test-asan demo package clean format
+.PHONY: all build deps fuzz-deps build-fuzz fuzz test test-plain test-asan test-fuzz demo package clean format
+
+# The fuzz targets are built by clang with libFuzzer (tests/fuzz).
+FUZZ_PACKAGES := clang-14 libclang-rt-14-dev
+FUZZ_CXX      := clang++-14
+FUZZ_SECONDS  ?= 60
+FUZZ_JOBS     ?= 2
 
 DEMO_PORT ?= 3005
 DEMO_FILE := build/demo/recording.rdv
 
 all: build
 
-deps:
+# Installs those of the Debian packages $(1) that are missing.
+define install_missing
 	@missing=""; \
-	for p in $(DEB_PACKAGES); do \
+	for p in $(1); do \
 	  dpkg-query -W -f='$${Status}' $$p 2>/dev/null | grep -q 'install ok installed' || missing="$$missing $$p"; \
 	done; \
 	if [ -n "$$missing" ]; then \
@@ -31,6 +40,10 @@ deps:
 	  $(SUDO) apt-get update -qq && \
 	  DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq --no-install-recommends $$missing; \
 	fi
+endef
+
+deps:
+	$(call install_missing,$(DEB_PACKAGES))
 	@missing=""; \
 	command -v node >/dev/null || missing="$$missing nodejs"; \
 	command -v npm >/dev/null || missing="$$missing npm"; \
@@ -61,7 +74,7 @@ build: deps
 	cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo
 	cmake --build build -j$(JOBS)
 
-test: test-plain test-asan
+test: test-plain test-asan test-fuzz
 
 test-plain: build
 	cd build && ctest --output-on-failure -j$(JOBS)
@@ -72,6 +85,21 @@ test-asan: deps
 	cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DKORB_SANITIZE=ON
 	cmake --build build-asan -j$(JOBS)
 	cd build-asan && ASAN_OPTIONS=detect_leaks=1 ctest --output-on-failure -j$(JOBS)
+
+fuzz-deps:
+	$(call install_missing,$(FUZZ_PACKAGES))
+
+# Its own build directory: every object carries coverage and sanitizers.
+build-fuzz: deps fuzz-deps
+	cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=$(FUZZ_CXX) -DKORB_FUZZ=ON
+	cmake --build build-fuzz -j$(JOBS) --target fuzz_targets
+
+fuzz: build-fuzz
+	tests/fuzz/run_fuzz.sh build-fuzz $(FUZZ_SECONDS) $(FUZZ_JOBS)
+
+# The short pass of CI: any finding fails it.
+test-fuzz: build-fuzz
+	tests/fuzz/run_fuzz.sh build-fuzz 10 $(FUZZ_JOBS)
 
 # The relay on an embedded default: a recording made by the simulator,
 # replayed in a loop to every client that connects.
@@ -95,4 +123,4 @@ format:
 	git ls-files '*.cpp' '*.h' | xargs clang-format -i
 
 clean:
-	rm -rf build build-asan korbrdv_*.deb
+	rm -rf build build-asan build-fuzz korbrdv_*.deb

@@ -95,6 +95,14 @@ QString instanceName(int argc, char **argv)
     return name.isEmpty() ? QString::fromLatin1(KorbRdvStreamer::DefaultInstanceName) : name;
 }
 
+// Runs when the streamer is destroyed. Not a member of the streamer: by the
+// time destroyed() is emitted the object is no longer a KorbRdvStreamer.
+void qExit(QObject *)
+{
+    if (Korb::lastHandledSignal != 0)
+        ::exit(Korb::lastHandledSignal);
+}
+
 } // namespace
 
 class KorbService : public KorbServiceApp<QCoreApplication>
@@ -134,7 +142,7 @@ protected:
             QCoreApplication::arguments().join(QLatin1Char(' ')).indexOf(QLatin1String("-cmd")) > 0;
 
         server = new KorbRdvStreamer(app, true);
-        QObject::connect(server, &QObject::destroyed, server, &KorbRdvStreamer::qExit);
+        QObject::connect(server, &QObject::destroyed, qExit);
         QObject::connect(server, &KorbRdvStreamer::finished, app, &QCoreApplication::quit);
 
         if (server->serviceFlag() > 0)
@@ -143,11 +151,17 @@ protected:
                 3);
     }
 
+    // Not deleted here: a stop may arrive inside one of the streamer's nested
+    // waits (the configuration pause, a connection wait), and the object must
+    // outlive that frame. It ends through its own stop sequence, whose
+    // finished() quits the application; the application object destroys it
+    // once the event loop has returned.
     void stop() override
     {
         if (server)
-            server->deleteLater();
-        QCoreApplication::exit(0);
+            server->halt();
+        else
+            QCoreApplication::exit(0);
     }
 
     void pause() override

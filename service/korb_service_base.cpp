@@ -177,7 +177,10 @@ void KorbServiceBase::setStartupType(int type)
     m_startupType = type;
 }
 
-void KorbServiceBase::stop() {}
+void KorbServiceBase::stop()
+{
+    QCoreApplication::quit();
+}
 
 void KorbServiceBase::pause() {}
 

@@ -58,6 +58,8 @@ public:
 
 protected:
     virtual void start() = 0;
+    // Ends the service; this default quits the event loop at once. A service
+    // with a stop sequence of its own runs it and quits when it is done.
     virtual void stop();
     virtual void pause();
     virtual void resume();

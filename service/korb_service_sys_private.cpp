@@ -4,7 +4,7 @@
 #include "service/korb_service_base.h"
 #include "service/korb_unix_server_socket.h"
 
-#include <QCoreApplication>
+#include <QPointer>
 #include <QTcpSocket>
 
 KorbServiceSysPrivate::KorbServiceSysPrivate(KorbServiceBase *service, QObject *parent)
@@ -58,7 +58,10 @@ void KorbServiceSysPrivate::slotReady()
     auto *socket = qobject_cast<QTcpSocket *>(sender());
     if (!socket || !m_buffers.contains(socket))
         return;
-    // Worked on as a copy: a peer that goes away while an answer is written
+    // A command may wait in a nested event loop (resume connects to the
+    // device), where the peer can go away and its socket be deleted.
+    const QPointer<QTcpSocket> alive(socket);
+    // Worked on as a copy: a peer that goes away while its commands run
     // takes its table entry with it.
     QByteArray buffer = m_buffers.value(socket);
     while (socket->bytesAvailable() > 0) {
@@ -68,23 +71,21 @@ void KorbServiceSysPrivate::slotReady()
             break;
         buffer.append(socket->read(room));
 
-        int end;
-        while ((end = buffer.indexOf("\r\n")) >= 0) {
-            const QByteArray command = buffer.left(end);
-            buffer.remove(0, end + 2);
-            bool terminate = false;
-            const QByteArray answer = handleCommand(command, &terminate);
-            socket->write(answer);
+        bool terminate = false;
+        const QByteArray answers = takeCommands(&buffer, &terminate);
+        if (!alive)
+            return;
+        if (!answers.isEmpty()) {
+            socket->write(answers);
             socket->flush();
             socket->waitForBytesWritten(AnswerWriteWaitMs);
-            if (terminate) {
-                m_service->stop();
-                QCoreApplication::quit();
-                return;
-            }
-            if (!m_buffers.contains(socket))
-                return;
         }
+        if (terminate) {
+            m_service->stop();
+            return;
+        }
+        if (!m_buffers.contains(socket))
+            return;
         if (buffer.size() > MaxPendingCommandBytes) {
             KLOG(this, 1,
                  QStringLiteral("control connection closed: more than %1 bytes without a line end")
@@ -97,6 +98,19 @@ void KorbServiceSysPrivate::slotReady()
         }
     }
     m_buffers.insert(socket, buffer);
+}
+
+QByteArray KorbServiceSysPrivate::takeCommands(QByteArray *buffer, bool *terminate)
+{
+    QByteArray answers;
+    *terminate = false;
+    int end;
+    while (!*terminate && (end = buffer->indexOf("\r\n")) >= 0) {
+        const QByteArray command = buffer->left(end);
+        buffer->remove(0, end + 2);
+        answers += handleCommand(command, terminate);
+    }
+    return answers;
 }
 
 QByteArray KorbServiceSysPrivate::handleCommand(const QByteArray &command, bool *terminate)

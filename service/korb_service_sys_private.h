@@ -32,6 +32,12 @@ public:
     QString errorText() const;
     int connectionCount() const;
 
+    // Acts on every complete command at the front of `buffer`, removing it
+    // with its line end, and returns the answers back to back. Stops after
+    // an accepted "terminate" (setting `terminate`): what follows it is
+    // never looked at.
+    QByteArray takeCommands(QByteArray *buffer, bool *terminate);
+
 private slots:
     void slotNewConnection();
     void slotReady();

@@ -134,6 +134,7 @@ KorbRdvStreamer::KorbRdvStreamer(QObject *parent, bool underService, const QStri
 KorbRdvStreamer::~KorbRdvStreamer()
 {
     KLOG(this, 1, tr("завершение работы сервера %1").arg(QLatin1String(ProgramName)));
+    m_destroying = true;
     halt();
     KLOG(this, 1, tr("приложение завершено"));
     if (Korb::logThreshold > 3)
@@ -270,7 +271,8 @@ void KorbRdvStreamer::all_start()
 {
     if (m_replay)
         return;
-    if (!init())
+    const QPointer<KorbRdvStreamer> self(this);
+    if (!init() && self)
         KLOG(this, -1, tr("выход из приложения"));
 }
 
@@ -360,7 +362,10 @@ bool KorbRdvStreamer::init()
     KLOG(this, 1, tr("инициализация завершена"));
     if (m_tcpClients.isEmpty())
         createTcpClient();
-    if (!createConnect())
+    // The device connection waits in a nested event loop, whose events may
+    // delete this object: nothing of it is touched after that.
+    const QPointer<KorbRdvStreamer> self(this);
+    if (!createConnect() || !self)
         return false;
     KLOG(this, 1, tr("установлен интервал отправки: %1").arg(Korb::sendIntervalMs));
     m_wakeUpper->start();
@@ -370,9 +375,16 @@ bool KorbRdvStreamer::init()
 
 bool KorbRdvStreamer::createConnect()
 {
-    for (const QPointer<KorbRdvStreamerTcp> &tcp : qAsConst(m_tcpClients))
+    // A connection waits in a nested event loop: the table is walked as a
+    // copy, and an object deleted meanwhile is left alone.
+    const QPointer<KorbRdvStreamer> self(this);
+    const QList<QPointer<KorbRdvStreamerTcp>> clients = m_tcpClients.values();
+    for (const QPointer<KorbRdvStreamerTcp> &tcp : clients) {
         if (tcp)
             tcp->rearm();
+        if (!self)
+            return false;
+    }
     bool ok = true;
     if (m_udpPorts[0] && m_udpPorts[1]) {
         delete m_udp;
@@ -416,7 +428,10 @@ void KorbRdvStreamer::stopSequence(const QString &firstText)
         KLOG(this, 1, tr("фильтр сообщений сброшен"));
     }
     logger->resetFilter();
-    QTimer::singleShot(StopStepMs, this, &KorbRdvStreamer::final);
+    // A timer of an object being destroyed never fires and would be left
+    // behind when the event loop has already ended.
+    if (!m_destroying)
+        QTimer::singleShot(StopStepMs, this, &KorbRdvStreamer::final);
 }
 
 void KorbRdvStreamer::halt()
@@ -468,12 +483,6 @@ void KorbRdvStreamer::del(QObject *object)
         m_wakeUpper = nullptr;
 }
 
-void KorbRdvStreamer::qExit(QObject *)
-{
-    if (Korb::lastHandledSignal != 0)
-        ::exit(Korb::lastHandledSignal);
-}
-
 void KorbRdvStreamer::iniR(const QString &path)
 {
     if (m_readingSuppressed)
@@ -497,11 +506,18 @@ void KorbRdvStreamer::iniR(const QString &path)
     }
     // Deliberate pause that keeps the application responsive: an editor that
     // saves in several steps has finished before the next reading.
+    // Events of the pause may delete this object; then the reading ends at
+    // once and nothing of it is touched.
+    const QPointer<KorbRdvStreamer> self(this);
     QElapsedTimer wait;
     wait.start();
     while (wait.elapsed() <= 349) {
         if (QCoreApplication::instance())
             QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+        if (!self) {
+            Korb::setCurrentDir(Korb::appDir());
+            return;
+        }
         QThread::msleep(10);
     }
     if (!m_watcher) {

@@ -78,7 +78,6 @@ public slots:
     void iniR(const QString &path);
     void slotTimerOneSecond();
     void del(QObject *object);
-    void qExit(QObject *object);
 
 private:
     void parseArguments(const QStringList &arguments);
@@ -99,6 +98,7 @@ private:
     bool m_readingSuppressed = false;
     bool m_locked = false;
     bool m_fatal = false;
+    bool m_destroying = false;
     QString m_configFile;
     QString m_deviceHost;
     quint16 m_devicePort = 0;

@@ -141,3 +141,11 @@ QByteArray KorbRdvSynth::nextStep()
     ++m_step;
     return out;
 }
+
+QByteArray KorbRdvSynth::datagram(quint32 sequence, const QByteArray &data)
+{
+    QByteArray d(int(sizeof(RdvDatagramHeader)), '\0');
+    qToLittleEndian<quint16>(quint16(d.size() + data.size()), d.data() + offsetof(RdvDatagramHeader, length));
+    qToLittleEndian<quint32>(sequence, d.data() + offsetof(RdvDatagramHeader, sequence));
+    return d + data;
+}

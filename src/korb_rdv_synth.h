@@ -37,6 +37,10 @@ public:
     QByteArray channelFrame(qint8 group, int samples) const;
     QByteArray singleFrame(int samples) const;
 
+    // A UDP datagram of the device: the 8-byte header (length, 2 unused
+    // bytes, `sequence`) in front of `data`.
+    static QByteArray datagram(quint32 sequence, const QByteArray &data);
+
 private:
     void stepTime(quint32 *sec, quint32 *nsec) const;
 

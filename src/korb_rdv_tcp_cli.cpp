@@ -7,6 +7,7 @@
 #include <QEventLoop>
 #include <QHostAddress>
 #include <QNetworkProxy>
+#include <QPointer>
 #include <QSslError>
 #include <QSslSocket>
 #include <QTcpSocket>
@@ -109,6 +110,9 @@ bool KorbRdvStreamerTcp::connectToServer(const QString &host, quint16 port, int 
     }
     m_reconnect.stop();
     ensureSocket();
+    // The wait below runs a nested event loop whose events may delete this
+    // client; nothing of it is touched after that.
+    const QPointer<KorbRdvStreamerTcp> self(this);
     ++m_inConnect;
 
     const QAbstractSocket::SocketState was = m_socket->state();
@@ -129,6 +133,8 @@ bool KorbRdvStreamerTcp::connectToServer(const QString &host, quint16 port, int 
     m_port = port;
     m_socket->connectToHost(host, port, QIODevice::ReadWrite, QAbstractSocket::AnyIPProtocol);
     const bool ok = waitForConnection(timeoutMs);
+    if (!self)
+        return false;
     --m_inConnect;
 
     const int version =
@@ -160,6 +166,7 @@ bool KorbRdvStreamerTcp::waitForConnection(int timeoutMs)
     int slice = DefaultSliceMs;
     if (timeoutMs >= LongWaitMs)
         slice = qMin(timeoutMs / 100, MaxSliceMs);
+    const QPointer<KorbRdvStreamerTcp> self(this);
     QElapsedTimer clock;
     clock.start();
     for (;;) {
@@ -174,7 +181,8 @@ bool KorbRdvStreamerTcp::waitForConnection(int timeoutMs)
             connect(m_socket, &QAbstractSocket::errorOccurred, &loop, &QEventLoop::quit);
             loop.exec();
         }
-        if (!m_socket)
+        // The loop's events may have deleted this client.
+        if (!self || !m_socket)
             return false;
         const QAbstractSocket::SocketState s = m_socket->state();
         if (s == QAbstractSocket::ConnectedState)

@@ -229,36 +229,15 @@ void KorbRdvStreamerUdp::ReadyRead(QUdpSocket *udpSocket, int udpNum)
         return;
     }
 
-    if (ensureBuffer())
-        resetPorts();
-
     const qint64 pending = udpSocket->pendingDatagramSize();
-    if (pending < 1) {
+    char *const d = receiveSlot(udpNum, pending);
+    if (!d) {
         KTRACE << "rcnt" << pending;
         char discard;
         if (udpSocket->hasPendingDatagrams())
-            udpSocket->readDatagram(&discard, 0); // an empty datagram still has to leave the queue
-        dropFrame(udpNum);
-        ++s_counters.udpEr;
+            udpSocket->readDatagram(&discard, 0); // the datagram still has to leave the queue
         return;
     }
-
-    char *const area = m_area[udpNum];
-    if (m_buffIdx[udpNum] + pending > ReceiveAreaSize) {
-        KTRACE << "m_buffIdx 0";
-        // A frame still being assembled moves to the start with the rest, so
-        // a frame spread over several datagrams survives the restart.
-        const int held = m_frame[udpNum] ? m_buffIdx[udpNum] - int(m_frame[udpNum] - area) : 0;
-        if (m_frame[udpNum] && held + pending <= ReceiveAreaSize) {
-            std::memmove(area, m_frame[udpNum], size_t(held));
-            m_frame[udpNum] = area;
-            m_buffIdx[udpNum] = held;
-        } else {
-            dropFrame(udpNum);
-        }
-    }
-
-    char *const d = area + m_buffIdx[udpNum];
     const qint64 got = udpSocket->readDatagram(d, pending);
     if (got < pending) {
         KTRACE << "rcnt" << pending << got;
@@ -267,8 +246,47 @@ void KorbRdvStreamerUdp::ReadyRead(QUdpSocket *udpSocket, int udpNum)
         ++s_counters.udpEr;
         return;
     }
-    const int size = int(got);
+    acceptDatagram(udpNum, d, int(got));
+}
 
+void KorbRdvStreamerUdp::takeDatagram(int udpNum, const QByteArray &datagram)
+{
+    udpNum &= 1;
+    char *const d = receiveSlot(udpNum, datagram.size());
+    if (!d)
+        return;
+    std::memcpy(d, datagram.constData(), size_t(datagram.size()));
+    acceptDatagram(udpNum, d, datagram.size());
+}
+
+char *KorbRdvStreamerUdp::receiveSlot(int udpNum, qint64 size)
+{
+    if (ensureBuffer())
+        resetPorts();
+    if (size < 1 || size > MaxDatagramSize) {
+        dropFrame(udpNum);
+        ++s_counters.udpEr;
+        return nullptr;
+    }
+    char *const area = m_area[udpNum];
+    if (m_buffIdx[udpNum] + size > ReceiveAreaSize) {
+        KTRACE << "m_buffIdx 0";
+        // A frame still being assembled moves to the start with the rest, so
+        // a frame spread over several datagrams survives the restart.
+        const int held = m_frame[udpNum] ? m_buffIdx[udpNum] - int(m_frame[udpNum] - area) : 0;
+        if (m_frame[udpNum] && held + size <= ReceiveAreaSize) {
+            std::memmove(area, m_frame[udpNum], size_t(held));
+            m_frame[udpNum] = area;
+            m_buffIdx[udpNum] = held;
+        } else {
+            dropFrame(udpNum);
+        }
+    }
+    return area + m_buffIdx[udpNum];
+}
+
+void KorbRdvStreamerUdp::acceptDatagram(int udpNum, char *d, int size)
+{
     // A datagram shorter than its own header carries no sequence number; it
     // is dropped like a length mismatch and the sequence stays.
     if (size < DatagramHeaderSize) {

@@ -28,6 +28,9 @@ public:
     // A frame opens at offset 8 of a datagram or at the first of 9..14.
     static constexpr int FirstFrameOffset = 8;
     static constexpr int LastFrameOffset = 14;
+    // The datagram header's length field is 16 bits: nothing longer is a
+    // datagram of the device.
+    static constexpr int MaxDatagramSize = 65535;
     // Waiting for a sent datagram to leave, at most.
     static constexpr int SendWaitMs = 10;
 
@@ -57,6 +60,9 @@ public:
     QHostAddress localAddress() const { return m_localAddress; }
     void setLocalAddress(const QHostAddress &address) { m_localAddress = address; }
     quint32 lastSequence(int udpNum) const { return m_lastSeq[udpNum & 1]; }
+    // Takes one datagram of port `udpNum` (0 or 1) as if it had just been
+    // read from that port's socket.
+    void takeDatagram(int udpNum, const QByteArray &datagram);
 
 signals:
     void readyRead(const QByteArray &message, const QString &host, quint16 port);
@@ -82,6 +88,12 @@ protected:
 
 private:
     qint64 sendMessage_raw(QUdpSocket *socket, const QByteArray &data, const QString &host, quint16 port);
+    // Where the next datagram of `size` bytes goes in the port's receive
+    // area (restarting the area when it would not fit); null, with the frame
+    // in progress dropped, for an empty or oversized datagram.
+    char *receiveSlot(int udpNum, qint64 size);
+    // Sequence test and reassembly of the datagram of `size` bytes at `d`.
+    void acceptDatagram(int udpNum, char *d, int size);
     void dropFrame(int udpNum);
     void resetPorts();
     void parseCapture();

@@ -1,6 +1,7 @@
 #include "src/korb_rdv_wsserver.h"
 
 #include "logger/korb_log.h"
+#include "src/korb_rdv_command.h"
 #include "src/korb_rdv_packet.h"
 #include "src/korb_rdv_scanner.h"
 #include "src/korb_rdv_settings.h"
@@ -246,49 +247,28 @@ void WebSocketServer::onReadyReadT(const QString &message)
     QWebSocket *socket = qobject_cast<QWebSocket *>(sender());
     if (!socket)
         return;
-    if (message.isEmpty()) {
-        socket->sendTextMessage(QStringLiteral("Err: message.isEmpty()"));
-        return;
+    if (!message.isEmpty()) {
+        KTRACE << "cmd: " << message;
+        emit readyRead(QVariant(message), socket);
     }
-    KTRACE << "cmd: " << message;
-    emit readyRead(QVariant(message), socket);
-    if (!message.contains(QLatin1Char(':'))) {
-        socket->sendTextMessage(QStringLiteral("Err: symbol ':' no found"));
-        KTRACE << "no ':' in" << message;
+    const RdvClientCommand command = RdvClientCommand::parse(message);
+    switch (command.action) {
+    case RdvClientCommand::Forward:
+        emit runCmd(command.word);
         return;
+    case RdvClientCommand::SetInterval:
+        Korb::sendIntervalMs = command.intervalMs;
+        if (m_file.isOpen())
+            restartPlayback();
+        emit runCmd(command.intervalMs);
+        break;
+    case RdvClientCommand::Refuse:
+        if (!message.isEmpty())
+            KTRACE << "refused:" << command.reply;
+        break;
     }
-    const QStringList parts = message.split(QLatin1Char(':'), Qt::KeepEmptyParts);
-    if (parts.size() > 2) {
-        socket->sendTextMessage(QStringLiteral("Err: multiple symbol ':' not support"));
-        socket->flush();
-        KTRACE << "several ':' in" << message;
-        return;
-    }
-    const QString word = parts.at(0).trimmed();
-    if (word == QLatin1String("csv") || word == QLatin1String("buf")) {
-        emit runCmd(word);
-        return;
-    }
-    if (word == QLatin1String("ims")) {
-        bool ok = false;
-        const uint value = parts.at(1).trimmed().toUInt(&ok, 10);
-        // Deliberately only "above 1" on the low 16 bits: ims:65538 means 2.
-        const quint16 ms = quint16(value);
-        if (ok && ms > 1) {
-            Korb::sendIntervalMs = ms;
-            if (m_file.isOpen())
-                restartPlayback();
-            emit runCmd(ms);
-            socket->sendTextMessage(QStringLiteral("%1 %2").arg(message, QStringLiteral("OK")));
-        } else {
-            socket->sendTextMessage(QStringLiteral("Err: ims vals [1...999] ms"));
-        }
-        socket->flush();
-        return;
-    }
-    socket->sendTextMessage(QStringLiteral("Err: cmd not recognized"));
+    socket->sendTextMessage(command.reply);
     socket->flush();
-    KTRACE << "unknown command" << word;
 }
 
 void WebSocketServer::onReadyReadB(const QByteArray &message)
@@ -401,16 +381,21 @@ void WebSocketServer::playbackEndOfPass()
     m_playClock.restart();
 }
 
-// One playback step. Frames are due by their own time stamps, counted from
-// the first frame of the pass, against the playback clock. A step sends at
-// most one packet: the latest due single frame, or the map of the latest due
-// channel frame of each group; due frames that do not make it are skipped.
 void WebSocketServer::timerEvent(QTimerEvent *event)
 {
     if (event->timerId() != m_timerId || m_timerId == 0) {
         QWebSocketServer::timerEvent(event);
         return;
     }
+    playbackStep();
+}
+
+// One playback step. Frames are due by their own time stamps, counted from
+// the first frame of the pass, against the playback clock. A step sends at
+// most one packet: the latest due single frame, or the map of the latest due
+// channel frame of each group; due frames that do not make it are skipped.
+void WebSocketServer::playbackStep()
+{
     if (!m_playBuf || m_loadedSize < Rdv::HeaderSize)
         return;
 

@@ -52,6 +52,9 @@ public:
     void sendRdv(const RdvChannelMap &channels) override;
 
     bool setFileNm(const QString &name);
+    // One playback step over the loaded file (what each tick of the playback
+    // timer runs).
+    void playbackStep();
 
     // Binary messages handed to the broadcast since the process started.
     static int broadcastCount();

@@ -58,6 +58,7 @@ private slots:
     void createConnectOpensUdpOnce();
     void pauseRemovesPidFile();
     void configWatcher();
+    void configPauseSurvivesDeletion();
 
 private:
     QTemporaryDir m_tmp;
@@ -308,6 +309,21 @@ void tst_KorbRdvServer::configWatcher()
     const QString before = logText();
     s.iniR(QString());
     QCOMPARE(logText(), before);
+}
+
+void tst_KorbRdvServer::configPauseSurvivesDeletion()
+{
+    const QString device = QStringLiteral("-addr=127.0.0.1:%1").arg(freePort());
+    QPointer<KorbRdvStreamer> s =
+        new KorbRdvStreamer(nullptr, false, args({"-p", QString::number(freePort()), device}));
+    QTRY_VERIFY(s->configWatcher()); // start-up is over
+    const int before = logText().size();
+    // An event of the pause deletes the streamer: the reading ends there,
+    // without its closing separator and without touching the object.
+    QTimer::singleShot(50, s, &QObject::deleteLater);
+    s->iniR(QString());
+    QVERIFY(s.isNull());
+    QCOMPARE(logText().mid(before).count(QString(133, QLatin1Char('~'))), 1);
 }
 
 QTEST_GUILESS_MAIN(tst_KorbRdvServer)

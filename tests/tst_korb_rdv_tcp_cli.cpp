@@ -97,6 +97,7 @@ private slots:
     void dumpCommands();
     void refusedConnectionReturnsQuickly();
     void reconnectsUntilStopped();
+    void connectionWaitSurvivesDeletion();
     void testRemotePort_data();
     void testRemotePort();
 
@@ -245,6 +246,19 @@ void TestKorbRdvTcpCli::reconnectsUntilStopped()
                                  device.client->reconnectPending(),
                              3000);
     device.client->stop();
+}
+
+void TestKorbRdvTcpCli::connectionWaitSurvivesDeletion()
+{
+    // The device's accept runs inside the client's connection wait; deleting
+    // the client there must end the wait without touching it again.
+    QTcpServer device;
+    QVERIFY(device.listen(QHostAddress::LocalHost, 0));
+    QPointer<KorbRdvStreamerTcp> client =
+        new KorbRdvStreamerTcp(nullptr, nullptr, nullptr, "127.0.0.1", device.serverPort());
+    connect(&device, &QTcpServer::newConnection, client, [&client] { delete client; });
+    QVERIFY(!client->connectToServer("127.0.0.1", device.serverPort(), 3000));
+    QVERIFY(client.isNull());
 }
 
 void TestKorbRdvTcpCli::testRemotePort_data()

@@ -6,37 +6,9 @@
 #include "service/korb_service_controller.h"
 #include "service/korb_service_sys_private.h"
 
-#include <QDeadlineTimer>
 #include <QFileInfo>
-#include <QLocalSocket>
 #include <QSignalSpy>
 #include <QtTest>
-
-namespace {
-
-// A client on Qt's own local socket, independent of the framework's client.
-struct Client
-{
-    bool connectTo(const QString &path)
-    {
-        socket.connectToServer(path);
-        return socket.waitForConnected(3000);
-    }
-    // Sends raw bytes and collects answers until `expected` bytes arrived.
-    QByteArray exchange(const QByteArray &bytes, int expected)
-    {
-        socket.write(bytes);
-        QByteArray answer;
-        const QDeadlineTimer deadline(5000);
-        while (answer.size() < expected &&
-               (socket.bytesAvailable() > 0 || socket.waitForReadyRead(int(deadline.remainingTime()))))
-            answer += socket.readAll();
-        return answer;
-    }
-    QLocalSocket socket;
-};
-
-} // namespace
 
 class tst_KorbServiceControl : public QObject
 {
@@ -89,7 +61,7 @@ private slots:
         QVERIFY(stale.open(QIODevice::WriteOnly));
         stale.close();
         QVERIFY2(service.start(), "the test service did not open its control socket");
-        Client client;
+        SvcTest::ControlClient client;
         QVERIFY(client.connectTo(service.socketPath()));
         QCOMPARE(client.exchange(request, answer.size()), answer);
         // Bare words, nothing after them, and only the expected operations called.
@@ -102,7 +74,7 @@ private slots:
     {
         SvcServiceProcess service(QStringLiteral("svcpart"));
         QVERIFY(service.start());
-        Client client;
+        SvcTest::ControlClient client;
         QVERIFY(client.connectTo(service.socketPath()));
         for (const QByteArray &part : {QByteArray("num:12"), QByteArray("3\r")}) {
             client.socket.write(part);
@@ -119,20 +91,20 @@ private slots:
         SvcServiceProcess service(QStringLiteral("svcbig"));
         QVERIFY(service.start());
         // A line of exactly the limit is still a command (an unknown one).
-        Client fits;
+        SvcTest::ControlClient fits;
         QVERIFY(fits.connectTo(service.socketPath()));
         QCOMPARE(fits.exchange(QByteArray(KorbServiceSysPrivate::MaxPendingCommandBytes, 'a') + "\r\n", 5),
                  QByteArray("false"));
         QCOMPARE(fits.socket.state(), QLocalSocket::ConnectedState);
         // One byte more without a line end, and the connection is closed.
-        Client flood;
+        SvcTest::ControlClient flood;
         QVERIFY(flood.connectTo(service.socketPath()));
         QSignalSpy closed(&flood.socket, &QLocalSocket::disconnected);
         flood.socket.write(QByteArray(KorbServiceSysPrivate::MaxPendingCommandBytes + 1, 'b'));
         flood.socket.flush();
         QTRY_COMPARE(closed.count(), 1);
         // The service goes on answering others.
-        Client after;
+        SvcTest::ControlClient after;
         QVERIFY(after.connectTo(service.socketPath()));
         QCOMPARE(after.exchange("alive\r\n", 4), QByteArray("true"));
     }
@@ -141,7 +113,7 @@ private slots:
     {
         SvcServiceProcess service(QStringLiteral("svcterm"));
         QVERIFY(service.start());
-        Client client;
+        SvcTest::ControlClient client;
         QVERIFY(client.connectTo(service.socketPath()));
         // The command after terminate is never looked at.
         QCOMPARE(client.exchange("terminate\r\npause\r\n", 8), QByteArray("true"));

@@ -1,8 +1,10 @@
 // The real executable end to end: instance-name rule, foreground run, pid
-// file, signals, a second instance, and frames from a UDP or TCP device
-// reaching a WebSocket client byte-exact.
+// file, signals, a stop through the control channel at any moment, a second
+// instance, and frames from a UDP or TCP device reaching a WebSocket client
+// byte-exact.
 #include "support/rdv_test_encoder.h"
 #include "support/streamer_process.h"
+#include "support/svc_service_process.h"
 
 #include <QSignalSpy>
 #include <QTcpServer>
@@ -24,6 +26,9 @@ QByteArray datagram(quint32 sequence, const QByteArray &data)
     return d + data;
 }
 
+// Closes the configuration reading's log lines before and after its pause.
+const QString ReadingSeparator(133, QLatin1Char('~'));
+
 bool connectClient(QWebSocket &ws, const QString &url)
 {
     QSignalSpy connected(&ws, &QWebSocket::connected);
@@ -43,6 +48,8 @@ private slots:
     void sigtermHaltsAndExitsWithSignalNumber_data();
     void sigtermHaltsAndExitsWithSignalNumber();
     void signalDuringStartUpNeverHangs();
+    void terminateAtAnyMomentExitsCleanly_data();
+    void terminateAtAnyMomentExitsCleanly();
     void secondInstanceOnSamePortFails();
     void udpFramesReachClients();
     void tcpFramesReachClients();
@@ -139,6 +146,64 @@ void tst_KorbMainRdvStreamer::signalDuringStartUpNeverHangs()
         const int signal = round % 2 ? SIGINT : SIGTERM;
         QCOMPARE(relay.stopWith(signal), signal);
     }
+}
+
+void tst_KorbMainRdvStreamer::terminateAtAnyMomentExitsCleanly_data()
+{
+    QTest::addColumn<int>("afterMs");
+    QTest::addColumn<bool>("rewrite");
+    // The device connection comes up right before the configuration is read,
+    // and the reading's pause runs the control channel; a rewrite of the file
+    // opens the same window again. KORB_STOP_REPEAT runs the sweep again.
+    const int repeat = qMax(1, qEnvironmentVariableIntValue("KORB_STOP_REPEAT"));
+    for (int round = 1; round <= repeat; ++round) {
+        for (int ms = 0; ms <= 600; ms += 60)
+            QTest::addRow("round %d, %d ms after the device connection", round, ms) << ms << false;
+        for (int ms : {0, 150, 300})
+            QTest::addRow("round %d, %d ms after a configuration rewrite", round, ms) << ms << true;
+    }
+}
+
+void tst_KorbMainRdvStreamer::terminateAtAnyMomentExitsCleanly()
+{
+    QFETCH(int, afterMs);
+    QFETCH(bool, rewrite);
+    QTcpServer device;
+    QVERIFY(device.listen(QHostAddress::LocalHost, 0));
+    QTemporaryDir dir;
+    const QString config = dir.filePath(QStringLiteral("relay.ini"));
+    QFile file(config);
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.write("[domains]\n");
+    file.close();
+
+    StreamerProcess relay;
+    QString why;
+    QVERIFY2(
+        relay.startService({"-cfg", config, "-addr=127.0.0.1:" + QString::number(device.serverPort())}, &why),
+        qPrintable(why));
+    QVERIFY(device.waitForNewConnection(10000));
+    QElapsedTimer since;
+    since.start();
+    if (rewrite) {
+        // The watcher exists once the first reading is over.
+        QTRY_VERIFY_WITH_TIMEOUT(relay.logText().count(ReadingSeparator) >= 2, 10000);
+        QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        file.write("[domains]\nhost=127.0.0.1\n");
+        file.close();
+        since.restart();
+    }
+    QTest::qWait(int(qMax<qint64>(0, afterMs - since.elapsed())));
+
+    SvcTest::ControlClient control;
+    QVERIFY(control.connectTo(relay.controlSocketPath()));
+    QCOMPARE(control.exchange("terminate\r\n", 4), QByteArray("true"));
+    QVERIFY(relay.process().waitForFinished(15000));
+    const QString report = relay.sanitizerReport().right(4000);
+    QVERIFY2(relay.process().exitStatus() == QProcess::NormalExit, qPrintable(report));
+    QVERIFY2(relay.process().exitCode() == 0,
+             qPrintable(QStringLiteral("exit %1: ").arg(relay.process().exitCode()) + report));
+    QVERIFY(!QFileInfo::exists(relay.controlSocketPath()));
 }
 
 void tst_KorbMainRdvStreamer::secondInstanceOnSamePortFails()

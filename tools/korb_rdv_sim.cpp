@@ -23,7 +23,6 @@
 #include <QTcpSocket>
 #include <QTimer>
 #include <QUdpSocket>
-#include <QtEndian>
 
 #include <cstdio>
 
@@ -148,10 +147,7 @@ int sendUdp(const Setup &s)
             const qint8 group = qint8(port == 0 ? g : g - firstPortGroups);
             const QByteArray frame = synth.channelFrame(group, synth.options().channelSamples) +
                                      QByteArray(synth.options().trailerBytes, '\0');
-            QByteArray d(8, '\0');
-            qToLittleEndian<quint16>(quint16(8 + frame.size()), d.data());
-            qToLittleEndian<quint32>(++seq[port], d.data() + 4);
-            d += frame;
+            const QByteArray d = KorbRdvSynth::datagram(++seq[port], frame);
             if (socket.writeDatagram(d, to, s.ports[port]) == d.size())
                 ++datagrams;
             else

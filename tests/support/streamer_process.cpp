@@ -1,8 +1,9 @@
 #include "support/streamer_process.h"
 
+#include "support/svc_service_process.h"
+
 #include <QDir>
 #include <QElapsedTimer>
-#include <QRandomGenerator>
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QThread>
@@ -10,10 +11,7 @@
 
 #include <csignal>
 
-StreamerProcess::StreamerProcess()
-{
-    m_name = QStringLiteral("KorbE2E%1").arg(QRandomGenerator::global()->bounded(1000000));
-}
+StreamerProcess::StreamerProcess() : m_name(SvcTest::uniqueName(QStringLiteral("korbe2e"))) {}
 
 StreamerProcess::~StreamerProcess()
 {
@@ -24,6 +22,8 @@ StreamerProcess::~StreamerProcess()
             m_process.waitForFinished(2000);
         }
     }
+    // A service process that crashed leaves its control socket behind.
+    QFile::remove(controlSocketPath());
 }
 
 quint16 StreamerProcess::freeTcpPort()
@@ -47,15 +47,56 @@ QString StreamerProcess::url() const
 
 bool StreamerProcess::start(const QStringList &extra, QString *why)
 {
+    return launch({QStringLiteral("-e")}, extra, QProcessEnvironment::systemEnvironment(), why);
+}
+
+bool StreamerProcess::startService(const QStringList &extra, QString *why)
+{
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("KORBSERVICE_RUN"), QStringLiteral("1"));
+    // The service process closes its error stream before it ends, so a
+    // sanitizer's report at exit is written to a file instead.
+    for (const QString &name : {QStringLiteral("ASAN_OPTIONS"), QStringLiteral("UBSAN_OPTIONS")}) {
+        const QString options = environment.value(name);
+        environment.insert(name, (options.isEmpty() ? options : options + QLatin1Char(':')) +
+                                     QStringLiteral("log_path=") +
+                                     m_dir.filePath(QStringLiteral("sanitizer")));
+    }
+    return launch({}, extra, environment, why);
+}
+
+QString StreamerProcess::sanitizerReport() const
+{
+    QString text;
+    const QDir dir(m_dir.path());
+    for (const QString &name : dir.entryList({QStringLiteral("sanitizer.*")}, QDir::Files)) {
+        QFile f(dir.filePath(name));
+        if (f.open(QIODevice::ReadOnly))
+            text += QString::fromLocal8Bit(f.readAll());
+    }
+    return text;
+}
+
+QString StreamerProcess::controlSocketPath() const
+{
+    return SvcTest::socketPathFor(m_name);
+}
+
+bool StreamerProcess::launch(const QStringList &mode, const QStringList &extra,
+                             const QProcessEnvironment &environment, QString *why)
+{
     if (!m_dir.isValid()) {
         *why = QStringLiteral("no temporary directory");
         return false;
     }
     m_port = freeTcpPort();
-    QStringList args{QStringLiteral("-e"),    QStringLiteral("-n"),  m_name,  QStringLiteral("-p"),
-                     QString::number(m_port), QStringLiteral("-ld"), logDir()};
-    args += extra;
+    // The name comes first: an extra "-nofile" would count as "-n" too.
+    const QStringList args =
+        mode + QStringList{QStringLiteral("-n"),  m_name,  QStringLiteral("-p"), QString::number(m_port),
+                           QStringLiteral("-ld"), logDir()} +
+        extra;
     m_process.setProcessChannelMode(QProcess::SeparateChannels);
+    m_process.setProcessEnvironment(environment);
     m_process.start(QStringLiteral(KORB_STREAMER_BIN), args);
     if (!m_process.waitForStarted(5000)) {
         *why = QStringLiteral("the daemon did not start: ") + m_process.errorString();

@@ -5,8 +5,9 @@
 #include <QStringList>
 #include <QTemporaryDir>
 
-// The real daemon as a child process in the foreground (-e) on a free
-// loopback port, with its own log directory. Stopped on destruction.
+// The real daemon as a child process on a free loopback port, with its own
+// log directory: in the foreground (-e), or as the service process of its
+// instance (KORBSERVICE_RUN=1, control channel open). Stopped on destruction.
 class StreamerProcess
 {
 public:
@@ -16,6 +17,13 @@ public:
     // Starts `KorbRdv_streamer -e -n NAME -p PORT -ld LOGDIR <extra>` and waits
     // until the WebSocket port accepts connections.
     bool start(const QStringList &extra, QString *why);
+    // The same as the service process: `KorbRdv_streamer -n NAME -p PORT -ld
+    // LOGDIR <extra>` with KORBSERVICE_RUN=1.
+    bool startService(const QStringList &extra, QString *why);
+    // What a sanitizer reported in a service process, empty when nothing.
+    QString sanitizerReport() const;
+    // The control socket of the instance (its name encodes to itself).
+    QString controlSocketPath() const;
     quint16 port() const { return m_port; }
     QString url() const;
     QString logDir() const { return m_dir.filePath(QStringLiteral("logs")); }
@@ -40,6 +48,9 @@ public:
 
 private:
     Q_DISABLE_COPY(StreamerProcess)
+    bool launch(const QStringList &mode, const QStringList &extra, const QProcessEnvironment &environment,
+                QString *why);
+
     QTemporaryDir m_dir;
     QProcess m_process;
     quint16 m_port = 0;

@@ -68,6 +68,23 @@ SvcRun runProgram(const QStringList &arguments, const QProcessEnvironment &envir
     return svcRun(testServiceProgram(), arguments, environment, 20000);
 }
 
+bool ControlClient::connectTo(const QString &path)
+{
+    socket.connectToServer(path);
+    return socket.waitForConnected(3000);
+}
+
+QByteArray ControlClient::exchange(const QByteArray &bytes, int expected)
+{
+    socket.write(bytes);
+    QByteArray answer;
+    const QDeadlineTimer deadline(5000);
+    while (answer.size() < expected &&
+           (socket.bytesAvailable() > 0 || socket.waitForReadyRead(int(deadline.remainingTime()))))
+        answer += socket.readAll();
+    return answer;
+}
+
 DetachedGuard::~DetachedGuard()
 {
     const pid_t pid = pid_t(startedPid(log));

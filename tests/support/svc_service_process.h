@@ -2,6 +2,7 @@
 
 #include "support/svc_sandbox.h"
 
+#include <QLocalSocket>
 #include <QProcess>
 #include <QString>
 #include <QStringList>
@@ -25,6 +26,16 @@ QProcessEnvironment managementEnvironment(const QString &logPath = QString());
 // Runs the test service outside any sandbox (for commands that read no registry).
 SvcRun runProgram(const QStringList &arguments,
                   const QProcessEnvironment &environment = managementEnvironment());
+
+// A client of the control channel on Qt's own local socket, independent of
+// the framework's client.
+struct ControlClient
+{
+    bool connectTo(const QString &path);
+    // Sends raw bytes and collects answers until `expected` bytes arrived.
+    QByteArray exchange(const QByteArray &bytes, int expected);
+    QLocalSocket socket;
+};
 
 // Kills a service that a test started detached and removes its socket file,
 // however the test ends.

@@ -37,8 +37,6 @@ public:
     explicit KorbServiceController(const QString &name);
     ~KorbServiceController();
 
-    QString serviceName() const;
-
     // What install records and writes besides the account, password and
     // argument string: the description, whether the instance starts at boot,
     // and the full argument list of the installing process.
@@ -77,7 +75,6 @@ public:
     static QList<KorbServiceStatus> query(const QString &programPath, bool all);
     static KorbServiceStatus status(const QString &name, const QString &path, const QString &arguments);
 
-    static QString registryFileName();
     // The absolute path of the running program file.
     static QString programFilePath();
     // The directory above the one holding the program file.
@@ -106,7 +103,8 @@ private:
     bool writeRegistry(const QString &arguments);
     bool removeFromRegistry();
     void labelForSelinux(const QString &programPath) const;
-    static bool runTool(const QString &program, const QStringList &arguments);
+    // Runs chmod or ln with the short waits of installation.
+    static void runTool(const QString &program, const QStringList &arguments);
 
     QString m_name;
     QString m_description;

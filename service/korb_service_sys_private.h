@@ -30,7 +30,6 @@ public:
     // Starts listening on `path` (replacing a stale socket file).
     bool listen(const QString &path);
     QString errorText() const;
-    int connectionCount() const;
 
 private slots:
     void slotNewConnection();

@@ -7,6 +7,8 @@
 // every read is bounds-checked, and the first fault ends decoding with its
 // byte offset, keeping the blocks decoded before it.
 
+#include "src/korb_rdv_wire.h"
+
 #include <QByteArray>
 #include <QString>
 #include <QVector>
@@ -14,8 +16,6 @@
 
 namespace Rdv {
 
-constexpr int SingleBlockHeaderSize = 71;
-constexpr int ChannelBlockHeaderSize = 77;
 // Length word plus the four fixed words: enough to tell the layouts apart.
 constexpr int LayoutProbeSize = 10;
 // Largest message a client accepts: 256 channel sub-blocks of 13000 samples
@@ -54,10 +54,7 @@ struct RdvBlock
     QVector<qint32> values;
 
     int sampleSize() const { return layout == Channel ? 4 : 8; }
-    int headerSize() const
-    {
-        return layout == Channel ? Rdv::ChannelBlockHeaderSize : Rdv::SingleBlockHeaderSize;
-    }
+    int headerSize() const { return layout == Channel ? Rdv::ChannelBlockHeaderSize : Rdv::PacketHeaderSize; }
 };
 
 struct RdvDecoded

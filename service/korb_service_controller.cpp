@@ -392,7 +392,7 @@ bool KorbServiceController::install(const QString &account, const QString &passw
         runTool(QStringLiteral("chmod"), {QStringLiteral("755"), script});
         runTool(QStringLiteral("ln"),
                 {QStringLiteral("-sf"),
-                 QStringLiteral("../../usr/lib/systemd/system/") + KorbSystemd::unitName(m_name),
+                 QStringLiteral("../..") + unitPath(m_name),
                  script + QLatin1String(".service")});
 
         const QByteArray unitName = KorbSystemd::unitName(m_name).toLocal8Bit();
@@ -402,7 +402,7 @@ bool KorbServiceController::install(const QString &account, const QString &passw
         std::printf("systemctl start   %s\n", unitName.constData());
         if (QFileInfo::exists(script)) {
             std::printf("  %s\n", tr("или").toLocal8Bit().constData());
-            std::printf("/etc/init.d/%s start\n", m_name.toLocal8Bit().constData());
+            std::printf("%s start\n", script.toLocal8Bit().constData());
         }
         std::fflush(stdout);
     }

@@ -1,7 +1,7 @@
-// A small service built on the service framework, for the framework's tests.
-// It records every operation the framework calls into the file named by
-// KORB_TEST_SERVICE_LOG (one line each) and, with KORB_TEST_SERVICE_EXIT
-// set, quits right after start with that number as its exit code.
+// A small service on the service framework, for the framework's tests: it
+// records every operation the framework calls as one line of the file in
+// KORB_TEST_SERVICE_LOG and, with KORB_TEST_SERVICE_EXIT set, quits right
+// after start with that number as its exit code.
 #include "service/korb_service_app.h"
 
 #include <QCoreApplication>
@@ -40,11 +40,7 @@ protected:
         if (ok)
             QTimer::singleShot(0, application(), [code] { QCoreApplication::exit(code); });
     }
-    void stop() override
-    {
-        record(QStringLiteral("stop"));
-        QCoreApplication::exit(0);
-    }
+    void stop() override { record(QStringLiteral("stop")), QCoreApplication::exit(0); }
     void pause() override { record(QStringLiteral("pause")); }
     void resume() override { record(QStringLiteral("resume")); }
     void processCommand(int code) override { record(QStringLiteral("command %1").arg(code)); }
@@ -54,16 +50,14 @@ protected:
 
 int main(int argc, char **argv)
 {
-    // The instance name follows the first argument that contains "-n", as the
+    // The instance name follows the first argument containing "-n", as the
     // daemon takes it.
-    QString name = QStringLiteral("Korb.TestService");
-    for (int i = 1; i + 1 < argc; ++i) {
-        if (QString::fromLocal8Bit(argv[i]).contains(QLatin1String("-n"), Qt::CaseInsensitive)) {
-            name = QString::fromLocal8Bit(argv[i + 1]);
-            break;
-        }
-    }
-    KorbTestService service(argc, argv, name);
+    int i = 1;
+    while (i + 1 < argc &&
+           !QString::fromLocal8Bit(argv[i]).contains(QLatin1String("-n"), Qt::CaseInsensitive))
+        ++i;
+    KorbTestService service(argc, argv,
+                            i + 1 < argc ? QString::fromLocal8Bit(argv[i + 1]) : "Korb.TestService");
     const int result = service.exec();
     record(QStringLiteral("exit %1").arg(result));
     return result;

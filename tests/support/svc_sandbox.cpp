@@ -28,9 +28,7 @@ SvcRun svcRun(const QString &program, const QStringList &arguments, const QProce
     process.setProcessEnvironment(environment);
     process.start(program, arguments);
     SvcRun run;
-    run.finished = process.waitForStarted(timeoutMs) && process.waitForFinished(timeoutMs) &&
-                   process.exitStatus() == QProcess::NormalExit;
-    if (run.finished)
+    if (process.waitForFinished(timeoutMs) && process.exitStatus() == QProcess::NormalExit)
         run.exitCode = qint8(process.exitCode());
     process.kill();
     process.waitForFinished(1000);

@@ -8,7 +8,6 @@
 // it (-1 and -4, not 255 and 252), and -1000 unless it ended normally in time.
 struct SvcRun
 {
-    bool finished = false;
     int exitCode = -1000;
     QByteArray out;
     QByteArray err;
@@ -20,11 +19,10 @@ SvcRun svcRun(const QString &program, const QStringList &arguments,
               int timeoutMs = 30000);
 
 // Runs programs in a private mount namespace over files of this sandbox:
-// /etc is an overlay whose writes land in "upper", /usr/lib/systemd/system is
-// "unit", /proc/1/comm says "systemd" or "init", and /usr/bin/systemctl is a
-// stand-in that appends its arguments to "calls" and answers "is-*" questions
-// with the file of that name ("unknown" without one). The machine's registry,
-// units, init scripts and systemd are never touched.
+// /etc is an overlay writing to "upper", /usr/lib/systemd/system is "unit",
+// /proc/1/comm says "systemd" or "init", and /usr/bin/systemctl appends its
+// arguments to "calls" and answers "is-*" questions from the file of that
+// name ("unknown" without one). The machine's own are never touched.
 class SvcSandbox
 {
     Q_DISABLE_COPY(SvcSandbox)
@@ -34,7 +32,6 @@ public:
 
     // Empty when namespaces and these mounts work here, else why not.
     static QString unavailableReason();
-
     QString path(const QString &name) const { return m_dir.filePath(name); }
     void write(const QString &name, const QByteArray &bytes) const;
     QStringList lines(const QString &name) const;

@@ -68,12 +68,12 @@ private slots:
     {
         QTest::addColumn<QString>("function");
         QTest::addColumn<QString>("printed");
-        QTest::newRow("slot signature") << "void WebSocketServer::onNewConnection()"
-                                        << "onNewConnection()";
-        QTest::newRow("scopes, arguments, const") << "int Korb::Inner::fn(int, char) const"
-                                                  << "fn()";
-        QTest::newRow("plain name stays") << "calcBuff"
-                                          << "calcBuff";
+        auto add = [](const char *function, const char *printed) {
+            QTest::newRow(function) << function << printed;
+        };
+        add("void WebSocketServer::onNewConnection()", "onNewConnection()");
+        add("int Korb::Inner::fn(int, char) const", "fn()");
+        add("calcBuff", "calcBuff");
     }
 
     void traceLine()

@@ -146,7 +146,7 @@ private slots:
         add("-S, not installed", "", "-S|-n|%N", -1, "", "The service %N is not installed\n");
         add("-n -all names -all", "", "-n|-all", -1, "", "The service -all is not installed\n");
         add("-t -all stops nothing", "mine", "-t|-all", 0, "", "", Mine);
-        add("uninstall keeps the others", "mine other unit", "-u|-n|%N", 0,
+        add("uninstall removes unit and script, keeps the others", "mine other unit script", "-u|-n|%N", 0,
             uninstalling + "The service %N has been uninstalled.\n", "", Other + uninstalled);
         add("uninstall, registry read-only", "mine ro", "-u|-n|%N", -1, uninstalling,
             "Cannot uninstall \"%N\". Cannot write to: /etc/KorbService.conf. Check permissions.\n"
@@ -172,11 +172,13 @@ private slots:
             "Environment=KORBSERVICE_RUN=1;ExecStartPre=+/bin/rm -f %T/%N-Korb.pid;ExecStart=%P -n %N -lt 3;"
             "%N 755;%N.service -> ../../usr/lib/systemd/system/%N.service");
         add("start a deactivating unit", "systemd mine unit is-active=deactivating", "-s|-n|%N", 0,
-            "Run: systemctl start %N.service [OK]\n", "", checked + ";is-active %N.service;start %N.service");
+            "Run: systemctl start %N.service [OK]\n", "",
+            checked + ";is-active %N.service;start %N.service;User=x");
         add("activating counts as running", "systemd mine unit is-active=activating", "-s|-n|%N", -4, "",
-            "The service %N is already Running\n", checked);
+            "The service %N is already Running\n", checked + ";User=x");
         add("stop a reloading unit", "systemd mine unit is-active=RELOADING", "-t|-n|%N", 0,
-            "Run: systemctl stop %N.service [OK]\n", "", checked + ";is-active %N.service;stop %N.service");
+            "Run: systemctl stop %N.service [OK]\n", "",
+            checked + ";is-active %N.service;stop %N.service;User=x");
         add("query active", "systemd mine is-enabled=enabled is-active=active is-failed=active", "-q", 0,
             row.arg(1).arg("enabled |active  "), "", queried);
         add("query failed", "systemd mine is-enabled=enabled is-active=failed is-failed=failed", "-q", 0,
@@ -204,7 +206,9 @@ private slots:
                                               : ""))
                     .toUtf8());
         if (items.contains("unit"))
-            box.write("unit/" + Name + ".service", "");
+            box.write("unit/" + Name + ".service", "User=x\n");
+        if (items.contains("script") && QDir().mkpath(box.path("upper/init.d")))
+            box.write("upper/init.d/" + Name, "");
         for (const QString &answer : items.filter(QRegularExpression("^is-")))
             box.write(answer.section('=', 0, 0), answer.section('=', 1).toUtf8() + '\n');
         QTemporaryDir dir;

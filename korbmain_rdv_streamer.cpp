@@ -125,8 +125,7 @@ protected:
         QDir::setCurrent(QCoreApplication::applicationDirPath());
         Korb::setAppDir(QCoreApplication::applicationDirPath());
 
-        QCoreApplication::addLibraryPath(
-            Korb::getAbsPath(QStringLiteral("../plugins/qt5158_Linux.x64_gcc1220")));
+        QCoreApplication::addLibraryPath(Korb::getAbsPath(QString::fromLatin1(Korb::PluginDir)));
         QStringList found;
         for (const char *dir :
              {"../lib64", "../lib.x64", "../lib.amd64", "./lib64", "./lib.x64", "./lib.amd64"}) {
@@ -141,7 +140,7 @@ protected:
         const bool cmd =
             QCoreApplication::arguments().join(QLatin1Char(' ')).indexOf(QLatin1String("-cmd")) > 0;
 
-        server = new KorbRdvStreamer(app, true);
+        server = new KorbRdvStreamer(app, true, QStringList(), serviceName());
         QObject::connect(server, &QObject::destroyed, qExit);
         QObject::connect(server, &KorbRdvStreamer::finished, app, &QCoreApplication::quit);
 

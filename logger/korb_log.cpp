@@ -41,6 +41,11 @@ QString reduceFunctionName(const QString &signature)
     return s.replace(re, QStringLiteral("\\2()"));
 }
 
+QString logTimestamp()
+{
+    return QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd-hh:mm:ss.zzz"));
+}
+
 QDebug trace(const char *file, int line, const char *function)
 {
     const QString path = QString::fromUtf8(file);
@@ -48,8 +53,7 @@ QDebug trace(const char *file, int line, const char *function)
     const int cut = path.lastIndexOf(sep);
     const QString fileName = path.right(path.size() - cut - 1);
     QDebug d = QMessageLogger(file, line, function, "default").critical();
-    d.noquote() << QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd-hh:mm:ss.zzz"))
-                << QStringLiteral("%1:%2").arg(fileName).arg(line) << QStringLiteral("~~~~")
+    d.noquote() << logTimestamp() << QStringLiteral("%1:%2").arg(fileName).arg(line) << QStringLiteral("~~~~")
                 << reduceFunctionName(QString::fromUtf8(function)) + QLatin1Char('\t');
     return d;
 }

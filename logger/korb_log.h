@@ -27,6 +27,9 @@ void log(const QObject *sender, const char *file, unsigned line, const char *fun
 // that is empty, else the application's object name, else "Korb".
 QString sourceName(const QObject *sender);
 
+// The current local time as log and trace lines begin with it.
+QString logTimestamp();
+
 // "void Cls::fn(int)" -> "fn()"; a plain name is left as it is.
 QString reduceFunctionName(const QString &signature);
 

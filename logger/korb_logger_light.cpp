@@ -1,11 +1,10 @@
 #include "logger/korb_logger_light.h"
 
 #include "logger/korb_log.h"
-#include "src/korb_env.h"
+#include "src/korb_app_dir.h"
 
 #include <QCoreApplication>
 #include <QDate>
-#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -19,11 +18,6 @@
 namespace {
 QPointer<KorbLoggerLight> g_logger;
 QMutex g_instanceMutex;
-
-QString nowText()
-{
-    return QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd-hh:mm:ss.zzz"));
-}
 
 void consolePrint(QTextCodec *codec, const QString &text)
 {
@@ -63,22 +57,10 @@ void KorbLoggerLight::setLogDir(const QString &dir)
     QDir().mkpath(m_dir);
 }
 
-QString KorbLoggerLight::logDir() const
-{
-    QMutexLocker lock(&m_mutex);
-    return m_dir;
-}
-
 void KorbLoggerLight::setLoggerName(const QString &name)
 {
     QMutexLocker lock(&m_mutex);
     m_name = sanitizeName(name);
-}
-
-QString KorbLoggerLight::loggerName() const
-{
-    QMutexLocker lock(&m_mutex);
-    return m_name;
 }
 
 void KorbLoggerLight::setCodec(QTextCodec *codec)
@@ -88,22 +70,10 @@ void KorbLoggerLight::setCodec(QTextCodec *codec)
         m_codec = codec;
 }
 
-QTextCodec *KorbLoggerLight::codec() const
-{
-    QMutexLocker lock(&m_mutex);
-    return m_codec;
-}
-
 void KorbLoggerLight::setConsoleLevel(int level)
 {
     QMutexLocker lock(&m_mutex);
     m_consoleLevel = level;
-}
-
-int KorbLoggerLight::consoleLevel() const
-{
-    QMutexLocker lock(&m_mutex);
-    return m_consoleLevel;
 }
 
 QString KorbLoggerLight::sanitizeName(const QString &name)
@@ -118,6 +88,11 @@ QString KorbLoggerLight::sanitizeName(const QString &name)
 QString KorbLoggerLight::currentFilePath() const
 {
     QMutexLocker lock(&m_mutex);
+    return filePathLocked();
+}
+
+QString KorbLoggerLight::filePathLocked() const
+{
     return QDir(m_dir).filePath(
         QStringLiteral("%1_%2.txt").arg(m_name, QDate::currentDate().toString(QStringLiteral("yyyy-MM-dd"))));
 }
@@ -152,7 +127,7 @@ void KorbLoggerLight::write(const QString &source, const char *file, unsigned li
     if (!Korb::logAdmits(level) || message.isEmpty())
         return;
     if (!m_mutex.tryLock(LockWaitMs)) {
-        consolePrint(m_codec, formatLine(nowText(), level, file, line, function, source, message));
+        consolePrint(m_codec, formatLine(Korb::logTimestamp(), level, file, line, function, source, message));
         return;
     }
     struct Unlock
@@ -184,15 +159,15 @@ void KorbLoggerLight::write(const QString &source, const char *file, unsigned li
         m_recent.append(r);
         ensureExpiryTimer();
     }
-    writeLineLocked(formatLine(nowText(), level, file, line, function, source, message), level);
+    writeLineLocked(formatLine(Korb::logTimestamp(), level, file, line, function, source, message), level);
 }
 
 void KorbLoggerLight::writeSeriesLocked(const Recent &r)
 {
     const QString text = QStringLiteral("%1 (серия из %2)").arg(r.message).arg(r.repeats);
-    writeLineLocked(
-        formatLine(nowText(), r.level, r.file.constData(), r.line, r.function.constData(), r.source, text),
-        r.level);
+    writeLineLocked(formatLine(Korb::logTimestamp(), r.level, r.file.constData(), r.line,
+                               r.function.constData(), r.source, text),
+                    r.level);
 }
 
 void KorbLoggerLight::writeLineLocked(const QString &lineText, int level)
@@ -200,8 +175,7 @@ void KorbLoggerLight::writeLineLocked(const QString &lineText, int level)
     if (m_consoleLevel >= 0 && level <= m_consoleLevel)
         consolePrint(m_codec, lineText);
 
-    const QString path = QDir(m_dir).filePath(
-        QStringLiteral("%1_%2.txt").arg(m_name, QDate::currentDate().toString(QStringLiteral("yyyy-MM-dd"))));
+    const QString path = filePathLocked();
     QFile f(path);
     if (!f.open(QIODevice::WriteOnly | QIODevice::Append)) {
         consolePrint(m_codec, QStringLiteral("ошибка открытия файла :") + path);

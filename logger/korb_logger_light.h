@@ -42,16 +42,12 @@ public:
                const QString &message, int level, bool fold);
 
     void setLogDir(const QString &dir);
-    QString logDir() const;
     void setLoggerName(const QString &name);
-    QString loggerName() const;
     // Codec for the console echo (-tc); log files are always UTF-8.
     void setCodec(QTextCodec *codec);
-    QTextCodec *codec() const;
     // Records at this level or below are echoed to standard error as well
     // (negative: no echo).
     void setConsoleLevel(int level);
-    int consoleLevel() const;
 
     // Path of today's log file.
     QString currentFilePath() const;
@@ -86,6 +82,7 @@ private:
         QElapsedTimer since;
     };
 
+    QString filePathLocked() const;
     void writeLineLocked(const QString &lineText, int level);
     void writeSeriesLocked(const Recent &r);
     void ensureExpiryTimer();

@@ -1,5 +1,7 @@
 #include "service/korb_service_base.h"
 
+#include "korb_version.h"
+#include "service/korb_child_process.h"
 #include "service/korb_service_controller.h"
 #include "service/korb_service_starter.h"
 #include "service/korb_service_sys_private.h"
@@ -15,10 +17,6 @@
 #include <unistd.h>
 
 namespace {
-
-KorbServiceBase *g_instance = nullptr;
-
-const char *const RunVariable = "KORBSERVICE_RUN";
 
 // The help text; every "%s" stands for the program as it was called.
 const char HelpText[] =
@@ -85,7 +83,7 @@ const char HelpText[] =
 
 bool runVariableSet()
 {
-    return qEnvironmentVariableIsSet(RunVariable);
+    return qEnvironmentVariableIsSet(KorbChildProcess::RunVariable);
 }
 
 // Detaches a standard stream from whatever it was attached to. The
@@ -126,30 +124,17 @@ KorbServiceBase::KorbServiceBase(int argc, char **argv, const QString &name)
         m_name.replace(QLatin1Char('\\'), QChar(0));
     }
     m_controller = new KorbServiceController(m_name);
-    g_instance = this;
 }
 
 KorbServiceBase::~KorbServiceBase()
 {
     delete m_sys;
     delete m_controller;
-    if (g_instance == this)
-        g_instance = nullptr;
-}
-
-KorbServiceBase *KorbServiceBase::instance()
-{
-    return g_instance;
 }
 
 QString KorbServiceBase::serviceName() const
 {
     return m_name;
-}
-
-QString KorbServiceBase::serviceDescription() const
-{
-    return m_description;
 }
 
 void KorbServiceBase::setServiceDescription(const QString &description)
@@ -165,11 +150,6 @@ int KorbServiceBase::serviceFlags() const
 void KorbServiceBase::setServiceFlags(int flags)
 {
     m_flags = flags;
-}
-
-int KorbServiceBase::startupType() const
-{
-    return m_startupType;
 }
 
 void KorbServiceBase::setStartupType(int type)
@@ -201,28 +181,18 @@ void KorbServiceBase::logMessage(const QString &message, int type)
     ::syslog(LOG_DAEMON | priority, "%s", message.toUtf8().constData());
 }
 
-QString KorbServiceBase::helpText(const QString &program)
-{
-    QString text = QString::fromUtf8(HelpText);
-    text.replace(QLatin1String("%s"), program);
-    return text;
-}
-
-QString KorbServiceBase::versionLine(const QString &program)
-{
-    return QStringLiteral("%1 rev.1110 - Powered by qt5158_Linux.x64_gcc1220").arg(program);
-}
-
 void KorbServiceBase::printHelp() const
 {
-    const QByteArray text = helpText(m_args.value(0)).toLocal8Bit();
+    const QByteArray text =
+        QString::fromUtf8(HelpText).replace(QLatin1String("%s"), m_args.value(0)).toLocal8Bit();
     std::printf("%s", text.constData());
     std::fflush(stdout);
 }
 
 void KorbServiceBase::printVersion() const
 {
-    std::puts(versionLine(m_args.value(0)).toLocal8Bit().constData());
+    const QString line = QStringLiteral("%1 rev." KORB_REVISION " - Powered by " KORB_QT_BUILD_TAG);
+    std::puts(line.arg(m_args.value(0)).toLocal8Bit().constData());
     std::fflush(stdout);
 }
 
@@ -272,8 +242,8 @@ int KorbServiceBase::defaultStartOrRun()
             qWarning("Service %s is Running!", m_name.toLocal8Bit().constData());
             return -4;
         }
-        qputenv(RunVariable, "1");
-        return QProcess::startDetached(KorbServiceController::programFilePath(), m_args.mid(1)) ? 0 : -4;
+        return KorbChildProcess::startService(KorbServiceController::programFilePath(), m_args.mid(1)) ? 0
+                                                                                                       : -4;
     }
     std::fflush(stdout);
     detachStream(STDIN_FILENO);

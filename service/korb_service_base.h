@@ -35,26 +35,16 @@ public:
     int exec();
 
     QString serviceName() const;
-    QString serviceDescription() const;
     void setServiceDescription(const QString &description);
     // Bit 1: can be suspended; bit 2: cannot be stopped.
     int serviceFlags() const;
     void setServiceFlags(int flags);
     // 0 = automatic.
-    int startupType() const;
     void setStartupType(int type);
-
-    // The one service object of the process (null before construction).
-    static KorbServiceBase *instance();
 
     // The framework's message log (syslog): 0 success, 1 error, 2 warning,
     // 3 information.
     void logMessage(const QString &message, int type = 3);
-
-    // The help text with every "%s" already replaced by `program`.
-    static QString helpText(const QString &program);
-    // The version line for `program` (without the line end).
-    static QString versionLine(const QString &program);
 
 protected:
     virtual void start() = 0;

@@ -1,5 +1,6 @@
 #include "service/korb_service_controller.h"
 
+#include "service/korb_child_process.h"
 #include "service/korb_service_systemd.h"
 #include "service/korb_unix_socket.h"
 
@@ -7,8 +8,6 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QProcess>
-#include <QProcessEnvironment>
 #include <QSettings>
 
 #include <algorithm>
@@ -125,13 +124,31 @@ QString initScriptPath(const QString &name)
     return QString::fromLatin1(InitDir) + QLatin1Char('/') + name;
 }
 
-QString readRegistryValue(const QString &name, const char *key)
+// The registry file, entered at its group of services: one subgroup per
+// installed instance.
+class Registry : public QSettings
 {
-    QSettings settings(QString::fromLatin1(RegistryFile), QSettings::IniFormat);
-    settings.beginGroup(QLatin1String(RegistryGroup));
-    settings.beginGroup(name);
-    return settings.value(QLatin1String(key)).toString();
-}
+public:
+    Registry() : QSettings(QString::fromLatin1(RegistryFile), QSettings::IniFormat)
+    {
+        beginGroup(QLatin1String(RegistryGroup));
+    }
+    QString text(const QString &name, const char *key) const
+    {
+        return value(name + QLatin1Char('/') + QLatin1String(key)).toString();
+    }
+    // Writes everything out; false (with the operator's message for `what`)
+    // when the file cannot take it.
+    bool commit(const char *what, const QString &name)
+    {
+        sync();
+        if (status() == QSettings::NoError)
+            return true;
+        std::fprintf(stderr, "Cannot %s \"%s\". Cannot write to: %s. Check permissions.\n", what,
+                     name.toLocal8Bit().constData(), fileName().toLocal8Bit().constData());
+        return false;
+    }
+};
 
 bool samePath(const QString &a, const QString &b)
 {
@@ -149,11 +166,6 @@ KorbServiceController::KorbServiceController(const QString &name) : m_name(name)
 
 KorbServiceController::~KorbServiceController() = default;
 
-QString KorbServiceController::serviceName() const
-{
-    return m_name;
-}
-
 void KorbServiceController::setDescription(const QString &description)
 {
     m_description = description;
@@ -169,36 +181,29 @@ void KorbServiceController::setProcessArguments(const QStringList &arguments)
     m_processArguments = arguments;
 }
 
-QString KorbServiceController::registryFileName()
-{
-    return QString::fromLatin1(RegistryFile);
-}
-
 bool KorbServiceController::isInstalled() const
 {
-    QSettings settings(registryFileName(), QSettings::IniFormat);
-    settings.beginGroup(QLatin1String(RegistryGroup));
-    return settings.childGroups().contains(m_name);
+    return Registry().childGroups().contains(m_name);
 }
 
 QString KorbServiceController::serviceFilePath() const
 {
-    return readRegistryValue(m_name, "path");
+    return Registry().text(m_name, "path");
 }
 
 QString KorbServiceController::serviceArguments() const
 {
-    return readRegistryValue(m_name, "args");
+    return Registry().text(m_name, "args");
 }
 
 QString KorbServiceController::serviceDescription() const
 {
-    return readRegistryValue(m_name, "description");
+    return Registry().text(m_name, "description");
 }
 
 int KorbServiceController::startupType() const
 {
-    return readRegistryValue(m_name, "startupType").toInt();
+    return Registry().text(m_name, "startupType").toInt();
 }
 
 bool KorbServiceController::isRunning() const
@@ -321,24 +326,9 @@ QString KorbServiceController::initScriptText(const QString &name)
     return fillPlaceholders(QString::fromUtf8(InitScriptTemplate), {QString(), name});
 }
 
-bool KorbServiceController::runTool(const QString &program, const QStringList &arguments)
+void KorbServiceController::runTool(const QString &program, const QStringList &arguments)
 {
-    auto *tool = new QProcess;
-    tool->start(program, arguments);
-    if (!tool->waitForStarted(ToolStartWaitMs)) {
-        delete tool;
-        return false;
-    }
-    if (!tool->waitForFinished(ToolFinishWaitMs)) {
-        // The tool goes on by itself. Destroying its QProcess would kill it,
-        // so the object is parked until the process ends.
-        static QList<QProcess *> unfinished;
-        unfinished.append(tool);
-        return true;
-    }
-    const bool ok = tool->exitStatus() == QProcess::NormalExit && tool->exitCode() == 0;
-    delete tool;
-    return ok;
+    KorbChildProcess::run(program, arguments, ToolStartWaitMs, ToolFinishWaitMs, KorbChildProcess::LetRun);
 }
 
 void KorbServiceController::labelForSelinux(const QString &programPath) const
@@ -359,17 +349,11 @@ void KorbServiceController::labelForSelinux(const QString &programPath) const
                      program.constData());
         return;
     }
-    QProcess tool;
-    tool.start(chcon, {QStringLiteral("-t"), QStringLiteral("bin_t"), programPath});
-    bool ok = tool.waitForStarted(ChconStartWaitMs);
-    if (ok && !tool.waitForFinished(ChconFinishWaitMs)) {
-        tool.kill();
-        tool.waitForFinished(ChconStartWaitMs);
-        ok = false;
-    }
-    ok = ok && tool.exitStatus() == QProcess::NormalExit && tool.exitCode() == 0;
-    if (!ok) {
-        const QByteArray err = tool.readAllStandardError().trimmed();
+    const KorbChildProcess::Result tool =
+        KorbChildProcess::run(chcon, {QStringLiteral("-t"), QStringLiteral("bin_t"), programPath},
+                              ChconStartWaitMs, ChconFinishWaitMs);
+    if (!tool.succeeded()) {
+        const QByteArray err = tool.err.trimmed();
         std::fprintf(stderr, "SELinux: cannot set bin_t for '%s'%s%s\n", program.constData(),
                      err.isEmpty() ? "" : ": ", err.constData());
     }
@@ -408,7 +392,7 @@ bool KorbServiceController::install(const QString &account, const QString &passw
         runTool(QStringLiteral("chmod"), {QStringLiteral("755"), script});
         runTool(QStringLiteral("ln"),
                 {QStringLiteral("-sf"),
-                 QStringLiteral("../../usr/lib/systemd/system/") + KorbSystemd::unitName(m_name),
+                 QStringLiteral("../..") + unitPath(m_name),
                  script + QLatin1String(".service")});
 
         const QByteArray unitName = KorbSystemd::unitName(m_name).toLocal8Bit();
@@ -418,7 +402,7 @@ bool KorbServiceController::install(const QString &account, const QString &passw
         std::printf("systemctl start   %s\n", unitName.constData());
         if (QFileInfo::exists(script)) {
             std::printf("  %s\n", tr("или").toLocal8Bit().constData());
-            std::printf("/etc/init.d/%s start\n", m_name.toLocal8Bit().constData());
+            std::printf("%s start\n", script.toLocal8Bit().constData());
         }
         std::fflush(stdout);
     }
@@ -428,22 +412,14 @@ bool KorbServiceController::install(const QString &account, const QString &passw
 
 bool KorbServiceController::writeRegistry(const QString &arguments)
 {
-    QSettings settings(registryFileName(), QSettings::IniFormat);
-    settings.beginGroup(QLatin1String(RegistryGroup));
-    settings.beginGroup(m_name);
-    settings.setValue(QStringLiteral("path"), programFilePath());
-    settings.setValue(QStringLiteral("description"), m_description);
-    settings.setValue(QStringLiteral("automaticStartup"), m_automaticStartup);
-    settings.setValue(QStringLiteral("args"), arguments);
-    settings.endGroup();
-    settings.endGroup();
-    settings.sync();
-    if (settings.status() != QSettings::NoError) {
-        std::fprintf(stderr, "Cannot install \"%s\". Cannot write to: %s. Check permissions.\n",
-                     m_name.toLocal8Bit().constData(), registryFileName().toLocal8Bit().constData());
-        return false;
-    }
-    return true;
+    Registry registry;
+    registry.beginGroup(m_name);
+    registry.setValue(QStringLiteral("path"), programFilePath());
+    registry.setValue(QStringLiteral("description"), m_description);
+    registry.setValue(QStringLiteral("automaticStartup"), m_automaticStartup);
+    registry.setValue(QStringLiteral("args"), arguments);
+    registry.endGroup();
+    return registry.commit("install", m_name);
 }
 
 bool KorbServiceController::uninstall()
@@ -469,17 +445,9 @@ bool KorbServiceController::uninstall()
 
 bool KorbServiceController::removeFromRegistry()
 {
-    QSettings settings(registryFileName(), QSettings::IniFormat);
-    settings.beginGroup(QLatin1String(RegistryGroup));
-    settings.remove(m_name);
-    settings.endGroup();
-    settings.sync();
-    if (settings.status() != QSettings::NoError) {
-        std::fprintf(stderr, "Cannot uninstall \"%s\". Cannot write to: %s. Check permissions.\n",
-                     m_name.toLocal8Bit().constData(), registryFileName().toLocal8Bit().constData());
-        return false;
-    }
-    return true;
+    Registry registry;
+    registry.remove(m_name);
+    return registry.commit("uninstall", m_name);
 }
 
 bool KorbServiceController::start()
@@ -491,14 +459,9 @@ bool KorbServiceController::start()
 
     // No unit to start: run the registered program as the unit would, as the
     // service process of this instance.
-    QProcess process;
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QStringLiteral("KORBSERVICE_RUN"), QStringLiteral("1"));
-    process.setProcessEnvironment(environment);
-    process.setProgram(serviceFilePath());
-    process.setArguments(QStringList{QStringLiteral("-n"), m_name} +
-                         serviceArguments().split(QLatin1Char(' '), Qt::KeepEmptyParts));
-    return process.startDetached();
+    return KorbChildProcess::startService(serviceFilePath(),
+                                          QStringList{QStringLiteral("-n"), m_name} +
+                                              serviceArguments().split(QLatin1Char(' '), Qt::KeepEmptyParts));
 }
 
 bool KorbServiceController::stop()
@@ -568,16 +531,15 @@ KorbServiceStatus KorbServiceController::status(const QString &name, const QStri
 
 QList<KorbServiceStatus> KorbServiceController::query(const QString &programPath, bool all)
 {
-    QSettings settings(registryFileName(), QSettings::IniFormat);
-    settings.beginGroup(QLatin1String(RegistryGroup));
-    QStringList names = settings.childGroups();
+    const Registry registry;
+    QStringList names = registry.childGroups();
     std::sort(names.begin(), names.end());
     QList<KorbServiceStatus> rows;
     for (const QString &name : names) {
-        const QString path = settings.value(name + QLatin1String("/path")).toString();
+        const QString path = registry.text(name, "path");
         if (!all && !samePath(path, programPath))
             continue;
-        rows.append(status(name, path, settings.value(name + QLatin1String("/args")).toString()));
+        rows.append(status(name, path, registry.text(name, "args")));
     }
     return rows;
 }

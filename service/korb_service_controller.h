@@ -37,8 +37,6 @@ public:
     explicit KorbServiceController(const QString &name);
     ~KorbServiceController();
 
-    QString serviceName() const;
-
     // What install records and writes besides the account, password and
     // argument string: the description, whether the instance starts at boot,
     // and the full argument list of the installing process.
@@ -75,19 +73,19 @@ public:
     // The status rows of the registered instances, in name order; without
     // `all` only those whose registered program is `programPath`.
     static QList<KorbServiceStatus> query(const QString &programPath, bool all);
-    static KorbServiceStatus status(const QString &name, const QString &path, const QString &arguments);
 
-    static QString registryFileName();
     // The absolute path of the running program file.
     static QString programFilePath();
     // The directory above the one holding the program file.
     static QString installDirectory(const QString &programPath);
+    static QString socketPath(const QString &name);
+
+private:
+    static KorbServiceStatus status(const QString &name, const QString &path, const QString &arguments);
     // Lower case, then only [a-z0-9] (and [A-Z] with allowUpper) kept.
     static QString encodeName(const QString &name, bool allowUpper);
     // Login name of the real user, from the user database.
     static QString loginName();
-    static QString socketPath(const QString &name);
-
     // Fills %0 to %7 of `text` in one pass; other '%' sequences stay.
     static QString fillPlaceholders(const QString &text, const QStringList &values);
     // The unit file for `name`, with the values built as install builds them.
@@ -101,12 +99,11 @@ public:
     // Owner and group of a file, "korb" (the user for the group) when unknown.
     static QString fileUser(const QString &path);
     static QString fileGroup(const QString &path);
-
-private:
     bool writeRegistry(const QString &arguments);
     bool removeFromRegistry();
     void labelForSelinux(const QString &programPath) const;
-    static bool runTool(const QString &program, const QStringList &arguments);
+    // Runs chmod or ln with the short waits of installation.
+    static void runTool(const QString &program, const QStringList &arguments);
 
     QString m_name;
     QString m_description;

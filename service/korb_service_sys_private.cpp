@@ -28,11 +28,6 @@ QString KorbServiceSysPrivate::errorText() const
     return m_server->errorText();
 }
 
-int KorbServiceSysPrivate::connectionCount() const
-{
-    return m_buffers.size();
-}
-
 void KorbServiceSysPrivate::slotNewConnection()
 {
     while (QTcpSocket *socket = m_server->nextPendingConnection()) {

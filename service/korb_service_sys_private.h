@@ -30,7 +30,6 @@ public:
     // Starts listening on `path` (replacing a stale socket file).
     bool listen(const QString &path);
     QString errorText() const;
-    int connectionCount() const;
 
     // Acts on every complete command at the front of `buffer`, removing it
     // with its line end, and returns the answers back to back. Stops after

@@ -1,9 +1,9 @@
 #include "service/korb_service_systemd.h"
 
-#include <QDir>
+#include "service/korb_child_process.h"
+
 #include <QFile>
 #include <QFileInfo>
-#include <QProcess>
 
 #include <cstdio>
 
@@ -20,17 +20,10 @@ bool detectSystemd()
     }
     if (!QFileInfo(QStringLiteral("/run/systemd/system")).isDir())
         return false;
-    QProcess tool;
-    tool.start(QString::fromLatin1(SystemctlPath), {QStringLiteral("--version")});
-    if (!tool.waitForStarted(VersionStartWaitMs))
-        return false;
-    if (!tool.waitForFinished(VersionFinishWaitMs)) {
-        tool.kill();
-        tool.waitForFinished(VersionKillWaitMs);
-        return false;
-    }
-    return tool.exitStatus() == QProcess::NormalExit && tool.exitCode() == 0 &&
-           tool.readAllStandardOutput().startsWith("systemd ");
+    const KorbChildProcess::Result version =
+        KorbChildProcess::run(QString::fromLatin1(SystemctlPath), {QStringLiteral("--version")},
+                              VersionStartWaitMs, VersionFinishWaitMs);
+    return version.succeeded() && version.out.startsWith("systemd ");
 }
 
 } // namespace
@@ -44,40 +37,26 @@ bool isSystemd()
 bool runSystemctl(const QStringList &arguments)
 {
     const QByteArray joined = arguments.join(QLatin1Char(' ')).toLocal8Bit();
-    QProcess tool;
-    tool.start(QString::fromLatin1(SystemctlPath), arguments);
-    if (!tool.waitForStarted(RunStartWaitMs)) {
-        std::printf("Run: systemctl %s [ER]\n", joined.constData());
-        std::fflush(stdout);
-        return false;
-    }
-    tool.waitForFinished(RunFinishWaitMs);
-    const bool ok = tool.state() == QProcess::NotRunning && tool.exitStatus() == QProcess::NormalExit &&
-                    tool.exitCode() == 0;
+    const KorbChildProcess::Result tool =
+        KorbChildProcess::run(QString::fromLatin1(SystemctlPath), arguments, RunStartWaitMs, RunFinishWaitMs);
+    const bool ok = tool.succeeded();
     std::printf("Run: systemctl %s [%s]\n", joined.constData(), ok ? "OK" : "ER");
-    const QByteArray out = tool.readAllStandardOutput().trimmed();
-    const QByteArray err = tool.readAllStandardError().trimmed();
-    std::printf("Std: systemctl %s\n%s\n", joined.constData(), out.constData());
-    std::printf("Err: systemctl %s\n%s\n", joined.constData(), err.constData());
+    if (tool.started) {
+        std::printf("Std: systemctl %s\n%s\n", joined.constData(), tool.out.trimmed().constData());
+        std::printf("Err: systemctl %s\n%s\n", joined.constData(), tool.err.trimmed().constData());
+    }
     std::fflush(stdout);
     return ok;
 }
 
 bool systemctlOutput(const QStringList &arguments, QString *output)
 {
-    QProcess tool;
-    tool.start(QString::fromLatin1(SystemctlPath), arguments);
-    if (!tool.waitForStarted(RunStartWaitMs))
-        return false;
-    if (!tool.waitForFinished(RunFinishWaitMs)) {
-        tool.kill();
-        tool.waitForFinished(VersionKillWaitMs);
-        return false;
-    }
-    if (tool.exitStatus() != QProcess::NormalExit)
+    const KorbChildProcess::Result tool =
+        KorbChildProcess::run(QString::fromLatin1(SystemctlPath), arguments, RunStartWaitMs, RunFinishWaitMs);
+    if (!tool.finished || !tool.normalExit)
         return false;
     if (output)
-        *output = QString::fromLocal8Bit(tool.readAllStandardOutput()).trimmed();
+        *output = QString::fromLocal8Bit(tool.out).trimmed();
     return true;
 }
 

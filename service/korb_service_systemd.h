@@ -15,7 +15,6 @@ inline const char *const LibUnitDir = "/usr/lib/systemd/system";
 // Waits of the detection run of "systemctl --version".
 constexpr int VersionStartWaitMs = 3000;
 constexpr int VersionFinishWaitMs = 3000;
-constexpr int VersionKillWaitMs = 1000;
 // Waits of every other systemctl run.
 constexpr int RunStartWaitMs = 30000;
 constexpr int RunFinishWaitMs = 30000;

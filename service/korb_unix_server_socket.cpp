@@ -1,5 +1,7 @@
 #include "service/korb_unix_server_socket.h"
 
+#include "service/korb_unix_socket.h"
+
 #include <QFile>
 
 #include <cerrno>
@@ -18,17 +20,12 @@ KorbUnixServerSocket::~KorbUnixServerSocket()
 bool KorbUnixServerSocket::setPath(const QString &path)
 {
     close();
-    const QByteArray encoded = path.toLocal8Bit();
     sockaddr_un address;
-    std::memset(&address, 0, sizeof address);
-    if (encoded.isEmpty() || size_t(encoded.size()) >= sizeof address.sun_path) {
+    if (!KorbUnixSocket::fillAddress(path, &address)) {
         m_error = QStringLiteral("socket path too long: %1").arg(path);
         return false;
     }
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, encoded.constData(), size_t(encoded.size()));
-
-    ::unlink(encoded.constData());
+    ::unlink(address.sun_path);
     const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {
         m_error = QString::fromLocal8Bit(std::strerror(errno));
@@ -38,23 +35,18 @@ bool KorbUnixServerSocket::setPath(const QString &path)
         ::listen(fd, ListenBacklog) < 0) {
         m_error = QString::fromLocal8Bit(std::strerror(errno));
         ::close(fd);
-        ::unlink(encoded.constData());
+        ::unlink(address.sun_path);
         return false;
     }
     if (!setSocketDescriptor(fd)) {
         m_error = QTcpServer::errorString();
         ::close(fd);
-        ::unlink(encoded.constData());
+        ::unlink(address.sun_path);
         return false;
     }
     m_path = path;
     m_error.clear();
     return true;
-}
-
-QString KorbUnixServerSocket::path() const
-{
-    return m_path;
 }
 
 void KorbUnixServerSocket::close()

@@ -20,7 +20,6 @@ public:
     // Removes whatever file lies at `path` (a stale socket of a crashed
     // instance), binds a new socket there and listens. False on failure.
     bool setPath(const QString &path);
-    QString path() const;
 
     // Stops listening and removes the socket file.
     void close();

@@ -10,18 +10,22 @@ KorbUnixSocket::KorbUnixSocket(QObject *parent) : QTcpSocket(parent) {}
 
 KorbUnixSocket::~KorbUnixSocket() = default;
 
-bool KorbUnixSocket::connectTo(const QString &path)
+bool KorbUnixSocket::fillAddress(const QString &path, sockaddr_un *address)
 {
     const QByteArray encoded = path.toLocal8Bit();
-    sockaddr_un address;
-    std::memset(&address, 0, sizeof address);
-    // The path must fit with its terminating zero; a longer one cannot name
-    // a socket at all.
-    if (encoded.isEmpty() || size_t(encoded.size()) >= sizeof address.sun_path)
+    std::memset(address, 0, sizeof *address);
+    if (encoded.isEmpty() || size_t(encoded.size()) >= sizeof address->sun_path)
         return false;
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, encoded.constData(), size_t(encoded.size()));
+    address->sun_family = AF_UNIX;
+    std::memcpy(address->sun_path, encoded.constData(), size_t(encoded.size()));
+    return true;
+}
 
+bool KorbUnixSocket::connectTo(const QString &path)
+{
+    sockaddr_un address;
+    if (!fillAddress(path, &address))
+        return false;
     const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0)
         return false;

@@ -2,6 +2,8 @@
 
 #include <QTcpSocket>
 
+struct sockaddr_un;
+
 // A stream socket connected to a unix-domain socket path. The descriptor is
 // handed to QTcpSocket, which then reads and writes it like any stream.
 class KorbUnixSocket : public QTcpSocket
@@ -16,4 +18,9 @@ public:
     // Opens a unix-domain stream connection to `path`; false (and the socket
     // left unconnected) when there is nobody listening there.
     bool connectTo(const QString &path);
+
+    // The address of `path` for both ends of the channel; false when the path
+    // is empty or does not fit with its terminating zero (it could then name
+    // no socket at all).
+    static bool fillAddress(const QString &path, sockaddr_un *address);
 };

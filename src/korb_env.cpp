@@ -2,13 +2,11 @@
 
 #include "logger/korb_log.h"
 
-#include <QCoreApplication>
 #include <QDir>
 #include <QFileInfo>
 #include <QStringList>
 
 namespace {
-QString g_appDir;
 
 QChar listSeparator(const QString &value)
 {
@@ -24,20 +22,6 @@ void reportEnv(int level, bool ok, const QString &name, const QString &value)
 } // namespace
 
 namespace Korb {
-
-QString appDir()
-{
-    if (!g_appDir.isEmpty())
-        return g_appDir;
-    if (QCoreApplication::instance())
-        return QCoreApplication::applicationDirPath();
-    return QFileInfo(QStringLiteral("/proc/self/exe")).canonicalPath();
-}
-
-void setAppDir(const QString &dir)
-{
-    g_appDir = dir;
-}
 
 QString getAbsPath(const QString &path)
 {
@@ -87,11 +71,7 @@ bool envAppend(const QString &name, const QString &value)
     QStringList parts = current.isEmpty() ? QStringList() : current.split(sep);
     parts.prepend(value);
     parts.removeDuplicates();
-    const QString joined = parts.join(sep);
-    const bool ok = qputenv(name.toLocal8Bit().constData(), joined.toLocal8Bit());
-    if (logThreshold >= 6)
-        reportEnv(1, ok, name, joined);
-    return ok;
+    return envSet(name, parts.join(sep));
 }
 
 void setAppPath()
@@ -106,8 +86,7 @@ void setAppPath()
         if (QFileInfo(abs).isDir())
             parts.prepend(abs);
     }
-    for (const char *dir :
-         {"../plugins/qt5158_Linux.x64_gcc1220", "../lib64", "/lib64", "/usr/lib64", "/usr/local/lib64"}) {
+    for (const char *dir : {PluginDir, "../lib64", "/lib64", "/usr/lib64", "/usr/local/lib64"}) {
         const QString abs = getAbsPath(QString::fromLatin1(dir));
         if (QFileInfo(abs).isDir())
             envAppend(QStringLiteral("LD_LIBRARY_PATH"), abs);

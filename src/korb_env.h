@@ -1,15 +1,16 @@
 #pragma once
 
+#include "korb_version.h"
+#include "src/korb_app_dir.h"
+
 #include <QString>
 
-// Environment and path helpers shared by the process entry, the streamer and
-// the logger. Relative paths are taken against the application directory.
+// Environment and path helpers shared by the process entry and the streamer.
+// Relative paths are taken against the application directory.
 namespace Korb {
 
-// The process-wide application directory: the one set by setAppDir, else the
-// running program's own directory (known even before QCoreApplication exists).
-QString appDir();
-void setAppDir(const QString &dir);
+// The Qt plugins shipped beside the program.
+constexpr const char *PluginDir = "../plugins/" KORB_QT_BUILD_TAG;
 
 // Absolute form of `path`: "/x" and "C:..." as they are, others appended to
 // the application directory. No check that it exists.
@@ -18,8 +19,10 @@ QString getAbsPath(const QString &path);
 bool setCurrentDir(const QString &dir);
 // Makes `dir` current, or the application directory when `dir` is empty.
 bool changeWorkDir(const QString &dir);
+// Sets a variable (reported in the log from threshold 6 on).
 bool envSet(const QString &name, const QString &value);
-// Puts `value` at the front of a list-valued variable, without duplicates.
+// Puts `value` at the front of a list-valued variable, without duplicates,
+// and stores and reports it as envSet does.
 bool envAppend(const QString &name, const QString &value);
 // Puts the program's helper directories first in PATH and LD_LIBRARY_PATH.
 void setAppPath();

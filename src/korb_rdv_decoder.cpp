@@ -1,9 +1,8 @@
 #include "src/korb_rdv_decoder.h"
 
-#include "src/korb_rdv_wire.h"
-
 #include <QtEndian>
 
+#include <algorithm>
 #include <cstring>
 
 namespace {
@@ -125,16 +124,17 @@ RdvDecoded KorbRdvDecoder::decode(const QByteArray &message)
             return out;
         }
         const uchar *p = data + pos;
-        const qint16 w1 = qFromLittleEndian<qint16>(p + 2), w2 = qFromLittleEndian<qint16>(p + 4),
-                     w3 = qFromLittleEndian<qint16>(p + 6), w4 = qFromLittleEndian<qint16>(p + 8);
+        const qint16 w[4] = {qFromLittleEndian<qint16>(p + 2), qFromLittleEndian<qint16>(p + 4),
+                             qFromLittleEndian<qint16>(p + 6), qFromLittleEndian<qint16>(p + 8)};
         RdvBlock b;
-        if (w1 == 5 && w2 == 4 && w3 == 2 && w4 == 5)
+        if (std::equal(w, w + 4, Rdv::PacketTag))
             b.layout = RdvBlock::Single;
-        else if (w1 == 5 && w2 == 3 && w3 == 2 && w4 == 6)
+        else if (std::equal(w, w + 4, Rdv::ChannelBlockTag))
             b.layout = RdvBlock::Channel;
         else {
-            failAt(out, pos + 2,
-                   QStringLiteral("unknown layout words %1,%2,%3,%4").arg(w1).arg(w2).arg(w3).arg(w4));
+            failAt(
+                out, pos + 2,
+                QStringLiteral("unknown layout words %1,%2,%3,%4").arg(w[0]).arg(w[1]).arg(w[2]).arg(w[3]));
             return out;
         }
         // A single frame is a packet of its own; it never follows a sub-block.

@@ -7,7 +7,7 @@
 // every read is bounds-checked, and the first fault ends decoding with its
 // byte offset, keeping the blocks decoded before it.
 
-#include "src/korb_rdv_packet.h"
+#include "src/korb_rdv_wire.h"
 
 #include <QByteArray>
 #include <QString>

@@ -92,7 +92,7 @@ void appendChannelBlock(QByteArray &out, const RdvChannelFrame *f, int blockSize
     w.i16(readLE<qint16>(f, offsetof(F, word20)));
     w.i32(readLE<qint32>(f, offsetof(F, intA)));
     w.i32(readLE<qint32>(f, offsetof(F, intB)));
-    w.f64(packetTimeMs(sec, sub));
+    w.f64(double(timeMs(sec, sub)));
     w.f64(rate(sub));
     w.f64(readU64AsDouble(f, offsetof(F, counterA)));
     w.f64(readU64AsDouble(f, offsetof(F, counterB)));
@@ -105,12 +105,6 @@ void appendChannelBlock(QByteArray &out, const RdvChannelFrame *f, int blockSize
 }
 
 } // namespace
-
-double packetTimeMs(quint32 timeSec, quint32 timeSub)
-{
-    const quint64 ns = quint64(double(timeSec) * 1000000000.0 + double(timeSub));
-    return double(quint64(double(ns) / 1000000.0));
-}
 
 QByteArray buildPacket(const RdvFrame *frame)
 {
@@ -138,7 +132,7 @@ QByteArray buildPacket(const RdvFrame *frame)
     w.i16(readLE<qint16>(frame, offsetof(F, word46)));
     w.i32(readLE<qint32>(frame, offsetof(F, intA)));
     w.i32(readLE<qint32>(frame, offsetof(F, intB)));
-    w.f64(packetTimeMs(sec, sub));
+    w.f64(double(timeMs(sec, sub)));
     w.f64(rate(sub));
     w.f64(readU64AsDouble(frame, offsetof(F, counterA)));
     w.f64(readU64AsDouble(frame, offsetof(F, counterB)));

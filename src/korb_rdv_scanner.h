@@ -1,5 +1,6 @@
 #pragma once
 
+#include "src/korb_rdv_settings.h"
 #include "src/korb_rdv_wire.h"
 
 #include <QElapsedTimer>
@@ -21,7 +22,7 @@ class KorbRdvScanner
 public:
     // Default and largest character buffer: 64 MiB holds several seconds of
     // the device's densest stream, and nothing larger is ever allocated.
-    static constexpr int MaxBufferSize = 67108864;
+    static constexpr int MaxBufferSize = Korb::DefaultMaxFileSize;
     // Zeroed bytes kept behind the buffer: a frame accepted near the end of
     // the data is handed on in place, and its reader follows the sample
     // count, so one largest frame's worth of slack keeps every such read

@@ -2,8 +2,8 @@
 
 #include "logger/korb_log.h"
 #include "logger/korb_logger_light.h"
-#include "service/korb_service_base.h"
 #include "src/korb_env.h"
+#include "src/korb_host_port.h"
 #include "src/korb_rdv_settings.h"
 #include "src/korb_rdv_tcp_cli.h"
 #include "src/korb_rdv_udp_cli.h"
@@ -47,29 +47,14 @@ bool parsePortValue(const QString &text, uint *value)
     return ok;
 }
 
-// "HOST", "HOST:PORT", "[v6]:PORT" or a bare IPv6 address.
+// "HOST", "HOST:PORT", "[v6]:PORT" or a bare IPv6 address; the device's
+// default port where none (or no valid one) is given.
 void splitDeviceAddress(const QString &text, QString *host, quint16 *port)
 {
-    *port = Korb::DefaultPort;
-    QString h = text.trimmed();
-    QString p;
-    if (h.startsWith(QLatin1Char('['))) {
-        const int close = h.indexOf(QLatin1Char(']'));
-        if (close > 0) {
-            if (h.mid(close + 1).startsWith(QLatin1Char(':')))
-                p = h.mid(close + 2);
-            h = h.mid(1, close - 1);
-        }
-    } else if (h.count(QLatin1Char(':')) == 1) {
-        const int colon = h.indexOf(QLatin1Char(':'));
-        p = h.mid(colon + 1);
-        h = h.left(colon);
-    }
-    bool ok = false;
-    const uint v = p.toUInt(&ok);
-    if (ok && v > 0 && v < 65536)
-        *port = quint16(v);
-    *host = h;
+    const Korb::HostPort address = Korb::splitHostPort(text);
+    *host = address.host;
+    if (!Korb::parsePort(address.port, port))
+        *port = Korb::DefaultPort;
 }
 
 QString cpuFlag(bool on)
@@ -79,13 +64,13 @@ QString cpuFlag(bool on)
 
 } // namespace
 
-KorbRdvStreamer::KorbRdvStreamer(QObject *parent, bool underService, const QStringList &arguments)
+KorbRdvStreamer::KorbRdvStreamer(QObject *parent, bool underService, const QStringList &arguments,
+                                 const QString &serviceName)
     : QObject(parent)
 {
     setObjectName(QStringLiteral("server"));
     m_serviceFlag = underService ? 1 : 0;
-    const KorbServiceBase *service = KorbServiceBase::instance();
-    m_serviceName = service ? service->serviceName() : QString::fromLatin1(DefaultInstanceName);
+    m_serviceName = serviceName.isEmpty() ? QString::fromLatin1(DefaultInstanceName) : serviceName;
 
     m_wakeUpper = new QTimer(this);
     m_wakeUpper->setObjectName(QStringLiteral("tmr_wakeUpper"));
@@ -282,7 +267,8 @@ void KorbRdvStreamer::writeBanner()
     KLOG(this, 1,
          tr("%1 | Версия ПО: %2 v.%3 (сборка от %4) | Revision SVN %5 | Powered by Qt%6-%7")
              .arg(QLatin1String(ProgramName), QStringLiteral("Korb"), QLatin1String(Version), build,
-                  QStringLiteral(KORB_REVISION), QStringLiteral(QT_VERSION_STR), QStringLiteral("gcc1220")));
+                  QStringLiteral(KORB_REVISION), QStringLiteral(QT_VERSION_STR),
+                  QStringLiteral(KORB_COMPILER_TAG)));
     KLOG(this, 1, tr("Версия фреймворка Qt:\t%1").arg(QLatin1String(qVersion())));
     QT_WARNING_PUSH
     QT_WARNING_DISABLE_DEPRECATED

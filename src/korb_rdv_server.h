@@ -1,5 +1,7 @@
 #pragma once
 
+#include "korb_version.h"
+
 #include <QHostAddress>
 #include <QMap>
 #include <QObject>
@@ -24,17 +26,19 @@ class KorbRdvStreamer : public QObject
 
 public:
     static constexpr const char *ProgramName = "KorbRdv_streamer";
-    static constexpr const char *Version = "2.9.1.1106";
+    static constexpr const char *Version = KORB_VERSION;
     static constexpr const char *DefaultInstanceName = "Korb.RDV2";
     // Smallest send interval -interval_ms= accepts.
     static constexpr int MinSendIntervalMs = 2;
     // A device reply to a TCP connect is expected within this time.
     static constexpr int DeviceConnectTimeoutMs = 3000;
 
-    // `underService` tells that the service framework runs the object;
+    // `underService` tells that the service framework runs the object, as
+    // the instance `serviceName` (DefaultInstanceName when empty);
     // `arguments` is the process's command line (tests pass their own).
     explicit KorbRdvStreamer(QObject *parent, bool underService = false,
-                             const QStringList &arguments = QStringList());
+                             const QStringList &arguments = QStringList(),
+                             const QString &serviceName = QString());
     ~KorbRdvStreamer() override;
 
     // Re-arms the TCP clients and opens the UDP receiver when both ports are set.

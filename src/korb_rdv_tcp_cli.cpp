@@ -1,6 +1,7 @@
 #include "src/korb_rdv_tcp_cli.h"
 
 #include "logger/korb_log.h"
+#include "src/korb_host_port.h"
 #include "src/korb_rdv_settings.h"
 
 #include <QElapsedTimer>
@@ -228,23 +229,20 @@ void KorbRdvStreamerTcp::ReceiveBuffer()
 
 bool KorbRdvStreamerTcp::testRemotePort(const QString &hostPort)
 {
-    const int colon = hostPort.lastIndexOf(QLatin1Char(':'));
-    if (colon < 0) {
+    const Korb::HostPort address = Korb::splitHostPort(hostPort);
+    if (!address.separator) {
         KLOG(this, 0, tr("не найден разделитель : (%1)").arg(hostPort));
         return false;
     }
-    QString host = hostPort.left(colon).trimmed();
-    if (host.startsWith(QLatin1Char('[')) && host.endsWith(QLatin1Char(']')))
-        host = host.mid(1, host.size() - 2);
-    bool ok = false;
-    const uint port = hostPort.mid(colon + 1).trimmed().toUInt(&ok);
-    if (!ok || port == 0 || port > 65535) {
+    const QString &host = address.host;
+    quint16 port = 0;
+    if (!Korb::parsePort(address.port, &port)) {
         KLOG(this, 0, tr("порт не определен"));
         return false;
     }
     QTcpSocket probe;
     probe.setProxy(QNetworkProxy::NoProxy);
-    probe.connectToHost(host, quint16(port));
+    probe.connectToHost(host, port);
     const bool up = probe.waitForConnected(ProbeTimeoutMs);
     probe.abort();
     KLOG(this, 2, tr("порт %1:%2 %3").arg(host).arg(port).arg(up ? tr("доступен") : tr("недоступен")));

@@ -24,6 +24,15 @@ constexpr int Kind2SampleSize = 8;
 // Unix time of 2000-01-01 00:00:00 UTC.
 constexpr qint64 Epoch2000 = 946684800;
 
+// The packets the relay sends to its clients. Fixed part of a single-frame
+// packet: 5 x i16, 5 x i8, 4 x i16, 2 x i32, 5 x f64.
+constexpr int PacketHeaderSize = 71;
+// Fixed part of one channel sub-block: 5 x i16, 5 x i8, 3 x i16, 2 x i32, 6 x f64.
+constexpr int ChannelBlockHeaderSize = 77;
+// The words after the length that tell the two layouts apart.
+constexpr qint16 PacketTag[4] = {5, 4, 2, 5};
+constexpr qint16 ChannelBlockTag[4] = {5, 3, 2, 6};
+
 } // namespace Rdv
 
 #pragma pack(push, 1)
@@ -172,6 +181,7 @@ inline int frameLength(const void *f)
 }
 
 // Frame time in whole milliseconds: both steps truncate, in double precision.
+// The same value paces the sources and stamps the client packets.
 inline quint64 timeMs(quint32 sec, quint32 sub)
 {
     const quint64 ns = quint64(double(sec) * 1000000000.0 + double(sub));

@@ -1,68 +1,51 @@
-// The management command line of the real executable where it needs no
-// registry: help, version, directory, the foreground run, the default start,
-// the stop of an instance that is not running, and the instance-name rules.
-#include "support/svc_service_process.h"
+// The management command line of the real executable, run in the sandbox:
+// arguments and the state of the machine (registry, systemd and its answers,
+// a running instance) against exit status, output, and afterwards the
+// registry, the systemctl calls, the installed files and the operations the
+// instance recorded.
+#include "support/svc_sandbox.h"
+
+#include "service/korb_service_controller.h"
 
 #include <QDir>
 #include <QFileInfo>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QScopeGuard>
 #include <QtTest>
+
+#include <unistd.h>
 
 namespace {
 
-// The help text as the operator must see it; "%s" is the program as called.
-QByteArray expectedHelp(const QByteArray &program)
+// %N, unique to this process and always 15 characters long.
+const QString Name = QStringLiteral("Korb.Cli%1").arg(::getpid(), 7, 10, QLatin1Char('0'));
+const QString Mine = QStringLiteral("%N args=-x path=%P");
+const QString Other = QStringLiteral("zz.other args=-y path=/opt/other/bin/prog");
+
+QString mode(int p)
 {
-    // clang-format off
-    const QByteArray rule(59, '-');
-    QByteArray text =
-        "\n%s -[a|e|h|i|n|s|u|v|q]\n"
-        "\t-i(nstall) [account] [password]      : Install the service, optionally using given account and password\n"
-        "\t-i(nstall) [-n(ame) serviceName]     : Install the service, optionally using the required service name\n"
-        "\t-i(nstall) [-a(rgs) \"all args\"]      : Install the service, optionally using the required arguments\n"
-        "\t-u(ninstall)                         : Uninstall the service.\n"
-        "\t-u(ninstall) [-n(ame) serviceName]   : Uninstall the service, optionally using the required service name.\n"
-        "\t-u(ninstall) [-all]                  : Uninstall all installed services.\n"
-        "\t-e(xec)                              : Run as a regular application. Useful for debugging.\n"
-        "\t-t(erminate)                         : Stop the service.\n"
-        "\t-t(erminate) [-n(ame) serviceName]   : Stop the service, optionally using the required service name.\n"
-        "\t-t(erminate) [-all]                  : Stop all installed services (Windows only).\n"
-        "\t-c(ommand) num                       : Send command code num to the service.\n"
-        "\t-c(ommand) num [-n(ame) serviceName] : Send command code num to the service using the required service name.\n"
-        "\t-d(irectory installation)            : installation directory.\n"
-        "\t-v(ersion)                           : Print version.\n"
-        "\t-p(ause)  [-n(ame) serviceName]      : Pause.\n"
-        "\t-r(esume) [-n(ame) serviceName]      : Resume.\n"
-        "\t-s(tart) [-n(ame) serviceName]       : Start service, optionally using the required service name.\n"
-        "\t-Q(uery)                             : Get the status of all installed services from this instance.\n"
-        "\t-q(uery)                             : Get the status of all installed services from this instance without a title.\n"
-        "\t-Qa(ll)                              : Get state all installed services.\n"
-        "\t-qa(ll)                              : Get state all installed services without a title.\n"
-        "\tNo arguments [-n(ame) serviceName]   : Start the service, optionally using the required service name.\n"
-        "\t-h(elp)                              : Show this help\n"
-        + rule + "\n-------- directives for the application -------------------\n" + rule + "\n"
-        "\t-p                                   : http port\n"
-        "\t-ps                                  : https port\n"
-        "\t-cfg                                 : config file (default ../etc/korb.xml)\n"
-        "\t-ld                                  : log directory (default ../logs)\n"
-        "\t-lt                                  : log level [0 - err only, 1 - warn, 2 - info, 3 - debug]\n"
-        "\t-tc                                  : terminal codec [UTF-8, cp1251, cp688]\n"
-        "\t-cmd                                 : make a request to the running application\n"
-        + rule + "\nexample:\n"
-        "# install service\n %s  -i  -n KORB.SRV   -a \"-p 9080 -ps 9081\"\n"
-        "# start service\n %s      -n KORB.SRV\n"
-        "# stop service\n %s  -t  -n KORB.SRV\n"
-        "# uninstall service\n %s  -u  -n KORB.SRV\n"
-        "# start all services (Windows only)\n %s  -n -all\n"
-        "# stop all services (Windows only)\n %s  -t  -all\n"
-        "# uninstall all services\n %s  -u  -all\n"
-        "\n";
-    // clang-format on
-    return text.replace("%s", program);
+    return QString::number((p >> 12 & 7) << 6 | (p >> 4 & 7) << 3 | (p & 7), 8);
 }
 
-QByteArray expectedVersion(const QByteArray &program)
+// The unit lines an operator relies on, the init script's mode and its link.
+QStringList installed(const SvcSandbox &box)
 {
-    return program + " rev.1110 - Powered by qt5158_Linux.x64_gcc1220\n";
+    QFile unit(box.path("unit/" + Name + ".service"));
+    const QString text = unit.open(QIODevice::ReadOnly) ? QString::fromUtf8(unit.readAll()) : QString();
+    QStringList seen = text.split('\n').filter(QRegularExpression(
+        "^(User|Group|WorkingDirectory|Environment|ExecStart(Pre)?|# ApplicationPIDFile)="));
+    const QDir init(box.path("upper/init.d"));
+    for (const QFileInfo &file : init.entryInfoList(QDir::Files | QDir::System))
+        seen << file.fileName() + (file.isSymLink() ? " -> " + init.relativeFilePath(file.symLinkTarget())
+                                                    : " " + mode(file.permissions()));
+    return seen;
+}
+
+QStringList sorted(QStringList list)
+{
+    list.sort();
+    return list;
 }
 
 } // namespace
@@ -71,136 +54,190 @@ class tst_KorbServiceCli : public QObject
 {
     Q_OBJECT
 
-private slots:
-    void helpAndVersion_data()
+    QString m_program;
+    void compareText(const QString &actual, const QString &expected)
     {
-        QTest::addColumn<QStringList>("arguments");
-        QTest::addColumn<bool>("help");
-        // The first argument that is one of -h, -v, -q wins, whatever comes before it.
-        QTest::newRow("-H upper case") << QStringList{"-H"} << true;
-        QTest::newRow("-h after an unknown argument") << QStringList{"-x", "-h"} << true;
-        QTest::newRow("-h wins over -t before it") << QStringList{"-t", "-n", "x", "-h"} << true;
-        QTest::newRow("-h before -v") << QStringList{"-h", "-v"} << true;
-        QTest::newRow("-V upper case") << QStringList{"-V"} << false;
-        QTest::newRow("-v before -h") << QStringList{"-v", "-h"} << false;
-        QTest::newRow("-v before -q") << QStringList{"-v", "-q"} << false;
+        if (expected.endsWith("..."))
+            QVERIFY2(actual.startsWith(expected.chopped(3)), qPrintable(actual));
+        else
+            QCOMPARE(actual, expected);
+    }
+    QString fill(QString text) const
+    {
+        const QFileInfo program(m_program);
+        return text.replace("%N", Name)
+            .replace("%P", m_program)
+            .replace("%D", QFileInfo(program.path()).path())
+            .replace("%T", QDir::tempPath())
+            .replace("%U", program.owner())
+            .replace("%G", program.group());
     }
 
-    void helpAndVersion()
+private slots:
+    void initTestCase()
     {
-        QFETCH(QStringList, arguments);
-        QFETCH(bool, help);
+        const QString reason = SvcSandbox::unavailableReason();
+        if (!reason.isEmpty())
+            QSKIP(qPrintable(reason));
         // Argument 0 is printed as it was typed, not as an absolute path.
         QVERIFY(QDir::setCurrent(QStringLiteral(KORB_TEST_PROGRAMS_DIR)));
-        const SvcRun run = svcRun(QStringLiteral("./korb_test_service"), arguments);
-        QCOMPARE(run.exitCode, 0);
-        QCOMPARE(run.err, QByteArray());
-        QCOMPARE(run.out,
-                 help ? expectedHelp("./korb_test_service") : expectedVersion("./korb_test_service"));
+        m_program = QFileInfo(SvcTest::program()).canonicalFilePath();
     }
 
-    void directory()
+    void command_data()
     {
-        // The directory above the one holding the program.
-        const QString expected = QFileInfo(QStringLiteral(KORB_TEST_PROGRAMS_DIR "/..")).canonicalFilePath();
-        for (const QString &option : {QStringLiteral("-D"), QStringLiteral("-dir")}) {
-            const SvcRun run = SvcTest::runProgram({option});
-            QCOMPARE(run.exitCode, 0);
-            QCOMPARE(run.out, expected.toLocal8Bit() + "\n");
+        QTest::addColumn<QString>("setup");
+        QTest::addColumn<QString>("arguments"); // '|'-separated
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QString>("out");   // a prefix where it ends with "..."
+        QTest::addColumn<QString>("err");   // likewise
+        QTest::addColumn<QString>("after"); // registry, calls, files; ';'-separated
+        QTest::addColumn<QString>("log");   // what the instance recorded, in any order
+        auto add = [](const char *tag, const char *setup, const QString &arguments, int status,
+                      const QString &out, const QString &err, const QString &after = QString(),
+                      const QString &log = QString()) {
+            QTest::newRow(tag) << setup << arguments << status << out << err << after << log;
+        };
+        const QString notRunning = "The service %N is not Running\n";
+        const QString installedAs = "The service %N has been installed under:\n %P ";
+        const QString uninstalling =
+            "Удаление службы %N из systemd\nRun: systemctl stop %N.service [OK]\n"
+            "Run: systemctl disable %N.service [OK]\nRun: systemctl daemon-reload [OK]\n";
+        const QString uninstalled = ";stop %N.service;disable %N.service;daemon-reload";
+        const QString row = "%N\t%1\t%2\t'%P -x'\n";
+        const QString queried = Mine + ";is-enabled %N.service;is-active %N.service;is-failed %N.service";
+        const QString checked = Mine + ";is-active %N.service";
+        const QString started = "start run=1 args=-n|%N";
+        // Help, version and query win wherever they stand, in any letter case.
+        add("-x -H", "", "-x|-H", 0, "\n./korb_test_service -[a|e|h|i|n|s|u|v|q]\n\t-i(nstall) ...", "");
+        add("-V -h", "", "-V|-h", 0, "./korb_test_service rev.1110 - Powered by qt5158_Linux.x64_gcc1220\n",
+            "");
+        add("-dir", "", "-dir", 0, "%D\n", "");
+        add("-n NAME -x -T finds the stop", "", "-n|%N|-x|-T", -4, "", notRunning);
+        add("300-character name cut to 255", "", "-t|-n|" + QString(300, 'x'), -4, "",
+            "KorbService: 'name' is longer than 255 characters.\nThe service " + QString(255, 'x') +
+                " is not Running\n");
+        add("backslash becomes character 0", "", "-t|-n|svc\\tail", -4, "",
+            "KorbService: 'name' contains backslashes '\\'.\nThe service svc is not Running\n");
+        add("-exec runs in the foreground without -exec", "KORB_TEST_SERVICE_EXIT=5", "-lt|3|-exec|-n|%N", 5,
+            "", "", "", "start run= args=-lt|3|-n|%N");
+        add("the service process returns the application's code",
+            "KORBSERVICE_RUN=1 KORB_TEST_SERVICE_EXIT=3", "-n|%N", 3, "", "", "", started);
+        // Starting detached, and commanding a running instance.
+        add("-CFG first: the default start detaches itself", "", "-CFG|x.ini|-n|%N", 0, "", "", "",
+            "start run=1 args=-CFG|x.ini|-n|%N");
+        add("-s starts the registered program detached", "mine", "-s|-n|%N", 0, "", "", Mine,
+            started + "|-x");
+        add("-s refuses a running instance", "mine running", "-s|-n|%N", -4, "",
+            "The service %N is already Running\n", Mine, started);
+        add("the default start refuses a running instance", "running", "-CFG|x|-n|%N", -4, "",
+            "Service %N is Running!\n", "", started);
+        add("-P pauses", "running", "-P|-n|%N", 0, "", "", "", started + ";pause");
+        add("-command NUM", "running", "-command|99|-n|%N", 0, "", "", "", started + ";command 99");
+        add("-c abc sends 0", "running", "-c|abc|-n|%N", 0, "", "", "", started + ";command 0");
+        add("-n NAME -t stops", "running", "-n|%N|-t", 0, "", "", "", started + ";stop;exit 0");
+        // The registry: install, uninstall, refusals and walks.
+        add("-i -n NAME -a ARGS", "", "-i|-n|%N|-a|-p 9080 -ps 9081", 0, installedAs + "-p 9080 -ps 9081\n",
+            "", "%N args=-p 9080 -ps 9081 automaticStartup=true description=%N test service path=%P");
+        add("install twice", "mine", "-n|%N|-I", 0, "", "The service %N is already installed\n", Mine);
+        add("install, registry not writable", "dir", "-i|-n|%N", -1, "",
+            "Cannot install \"%N\". Cannot write to: /etc/KorbService.conf. Check permissions.\n"
+            "The service %N could not be installed: ...");
+        add("-S, not installed", "", "-S|-n|%N", -1, "", "The service %N is not installed\n");
+        add("-n -all names -all", "", "-n|-all", -1, "", "The service -all is not installed\n");
+        add("-t -all stops nothing", "mine", "-t|-all", 0, "", "", Mine);
+        add("uninstall removes unit and script, keeps the others", "mine other unit script", "-u|-n|%N", 0,
+            uninstalling + "The service %N has been uninstalled.\n", "", Other + uninstalled);
+        add("uninstall, registry read-only", "mine ro", "-u|-n|%N", -1, uninstalling,
+            "Cannot uninstall \"%N\". Cannot write to: /etc/KorbService.conf. Check permissions.\n"
+            "The service %N could not be uninstalled\n",
+            Mine + uninstalled);
+        add("-u -all, every program's", "mine other", "-u|-all", 0, uninstalling + "...", "",
+            uninstalled.mid(1) + ";stop zz.other.service;disable zz.other.service;daemon-reload",
+            "exit 0;exit 0");
+        // Listings: this program's unless -qa, no title, names at least 11 wide.
+        add("-Qa lists this program's", "mine other", "-Qa", 0, row.arg(0).arg("UNKNOWN          "), "",
+            Mine + ";" + Other);
+        add("-qa after a stop lists all", "other", "-t|-n|x|-qa", 0,
+            "zz.other   \t0\tUNKNOWN          \t'/opt/other/bin/prog -y'\n", "", Other);
+        // Under systemd.
+        add("install a unit", "systemd", "-i|-n|%N|-a|-lt 3", 0,
+            "Установка службы %N для systemd\nRun: systemctl daemon-reload [OK]\n"
+            "Не забудьте включить службу %N и запустить её\nПример:\nsystemctl enable  %N.service\n"
+            "systemctl start   %N.service\n  или\n/etc/init.d/%N start\n" +
+                installedAs + "-lt 3\n",
+            "",
+            "%N args=-lt 3 automaticStartup=true description=%N test service path=%P;daemon-reload;"
+            "# ApplicationPIDFile=%T/%N-Korb.pid;User=%U;Group=%G;WorkingDirectory=%D;"
+            "Environment=KORBSERVICE_RUN=1;ExecStartPre=+/bin/rm -f %T/%N-Korb.pid;ExecStart=%P -n %N -lt 3;"
+            "%N 755;%N.service -> ../../usr/lib/systemd/system/%N.service");
+        add("start a deactivating unit", "systemd mine unit is-active=deactivating", "-s|-n|%N", 0,
+            "Run: systemctl start %N.service [OK]\n", "",
+            checked + ";is-active %N.service;start %N.service;User=x");
+        add("activating counts as running", "systemd mine unit is-active=activating", "-s|-n|%N", -4, "",
+            "The service %N is already Running\n", checked + ";User=x");
+        add("stop a reloading unit", "systemd mine unit is-active=RELOADING", "-t|-n|%N", 0,
+            "Run: systemctl stop %N.service [OK]\n", "",
+            checked + ";is-active %N.service;stop %N.service;User=x");
+        add("query active", "systemd mine is-enabled=enabled is-active=active is-failed=active", "-q", 0,
+            row.arg(1).arg("enabled |active  "), "", queried);
+        add("query failed", "systemd mine is-enabled=enabled is-active=failed is-failed=failed", "-q", 0,
+            row.arg(4).arg("enabled |failed  "), "", queried);
+        add("query masked", "systemd mine is-enabled=masked is-active=active is-failed=active", "-q", 0,
+            row.arg(0).arg("masked  |active  "), "", queried);
+    }
+
+    void command()
+    {
+        QFETCH(QString, setup);
+        QFETCH(QString, arguments);
+        QFETCH(int, status);
+        QFETCH(QString, out);
+        QFETCH(QString, err);
+        QFETCH(QString, after);
+        QFETCH(QString, log);
+        const QStringList items = setup.split(' ', Qt::SkipEmptyParts);
+        const SvcSandbox box(items.contains("systemd"));
+        if (!items.contains("dir"))
+            box.write(
+                "upper/KorbService.conf",
+                fill(QString("[services]\n") + (items.contains("mine") ? "%N\\path=%P\n%N\\args=-x\n" : "") +
+                     (items.contains("other") ? "zz.other\\path=/opt/other/bin/prog\nzz.other\\args=-y\n"
+                                              : ""))
+                    .toUtf8());
+        if (items.contains("unit"))
+            box.write("unit/" + Name + ".service", "User=x\n");
+        if (items.contains("script") && QDir().mkpath(box.path("upper/init.d")))
+            box.write("upper/init.d/" + Name, "");
+        for (const QString &answer : items.filter(QRegularExpression("^is-")))
+            box.write(answer.section('=', 0, 0), answer.section('=', 1).toUtf8() + '\n');
+        QTemporaryDir dir;
+        const SvcTest::DetachedGuard guard{dir.filePath("log"), KorbServiceController::socketPath(Name)};
+        QProcess running;
+        const auto reap = qScopeGuard([&running] { running.kill(), running.waitForFinished(); });
+        if (items.contains("running")) {
+            running.setProcessEnvironment(SvcTest::environment(guard.log, {"KORBSERVICE_RUN=1"}));
+            running.start(m_program, {"-n", Name});
+            QTRY_VERIFY(QFileInfo::exists(guard.socket));
         }
-    }
-
-    void stopWhenNotRunningAndNameRules_data()
-    {
-        QTest::addColumn<QStringList>("arguments");
-        QTest::addColumn<QByteArray>("name");
-        QTest::addColumn<QByteArray>("warning");
-        QTest::addColumn<QByteArray>("printed");
-
-        const QByteArray stem = SvcTest::uniqueName(QStringLiteral("svcname")).toLatin1();
-        const QByteArray longName = stem + QByteArray(300 - stem.size(), 'x');
-        QTest::newRow("-Terminate -n NAME, 300 characters cut to 255")
-            << QStringList{"-Terminate", "-n", "%N"} << longName
-            << QByteArray("KorbService: 'name' is longer than 255 characters.\n") << longName.left(255);
-        const QByteArray exact = stem + QByteArray(255 - stem.size(), 'y');
-        QTest::newRow("-n NAME -x -T, 255 characters stay")
-            << QStringList{"-n", "%N", "-x", "-T"} << exact << QByteArray() << exact;
-        // A backslash becomes the character 0, so the printed name ends there.
-        QTest::newRow("-t -n NAME, backslash becomes a zero character")
-            << QStringList{"-t", "-n", "%N"} << QByteArray(stem + "\\tail")
-            << QByteArray("KorbService: 'name' contains backslashes '\\'.\n") << stem;
-    }
-
-    void stopWhenNotRunningAndNameRules()
-    {
-        QFETCH(QStringList, arguments);
-        QFETCH(QByteArray, name);
-        QFETCH(QByteArray, warning);
-        QFETCH(QByteArray, printed);
+        const char *prepare = items.contains("dir") ? "mkdir /etc/KorbService.conf"
+                              : items.contains("ro")
+                                  ? "mount --bind /etc/KorbService.conf /etc/KorbService.conf\n"
+                                    "mount -o remount,ro,bind /etc/KorbService.conf"
+                                  : "";
         const SvcRun run =
-            SvcTest::runProgram(arguments.replaceInStrings(QStringLiteral("%N"), QString::fromLatin1(name)));
-        QCOMPARE(run.exitCode, -4);
-        QCOMPARE(run.out, QByteArray());
-        QCOMPARE(run.err, warning + "The service " + printed + " is not Running\n");
-    }
-
-    void foregroundRun()
-    {
-        const QString name = SvcTest::uniqueName(QStringLiteral("svcfg"));
-        QTemporaryDir dir;
-        const QString log = dir.path() + QStringLiteral("/log");
-        QProcessEnvironment environment = SvcTest::managementEnvironment(log);
-        environment.insert(QStringLiteral("KORB_TEST_SERVICE_EXIT"), QStringLiteral("5"));
-        // -exec is removed, the other arguments reach the application; its exit
-        // code comes back, and the run is no service process with no channel.
-        QCOMPARE(SvcTest::runProgram({"-lt", "3", "-exec", "-n", name}, environment).exitCode, 5);
-        const QString started =
-            QStringLiteral("start pid=%1 run= args=-lt|3|-n|%2").arg(SvcTest::startedPid(log)).arg(name);
-        QCOMPARE(SvcTest::readLog(log), (QStringList{started, "exit 5"}));
-        QVERIFY(!QFileInfo::exists(SvcTest::socketPathFor(name)));
-    }
-
-    void defaultStartDetachesTheService_data()
-    {
-        QTest::addColumn<QStringList>("arguments");
-        QTest::newRow("-CFG as first argument") << QStringList{"-CFG", "x.ini", "-n", "%N"};
-        QTest::newRow("application option only") << QStringList{"-lt", "3", "-n", "%N"};
-    }
-
-    void defaultStartDetachesTheService()
-    {
-        QFETCH(QStringList, arguments);
-        const QString name = SvcTest::uniqueName(QStringLiteral("svcdef"));
-        arguments.replaceInStrings(QStringLiteral("%N"), name);
-        QTemporaryDir dir;
-        const SvcTest::DetachedGuard guard{dir.path() + QStringLiteral("/log"), SvcTest::socketPathFor(name)};
-        const QProcessEnvironment environment = SvcTest::managementEnvironment(guard.log);
-
-        const SvcRun run = SvcTest::runProgram(arguments, environment);
-        QCOMPARE(run.exitCode, 0);
-        QCOMPARE(run.out, QByteArray());
-        // The detached process is the service: marked by the variable, with the
-        // same arguments, and listening on the instance's socket.
-        QTRY_VERIFY_WITH_TIMEOUT(SvcTest::startedPid(guard.log) > 0 && QFileInfo::exists(guard.socket),
-                                 10000);
-        const QString started = QStringLiteral("start pid=%1 run=1 args=%2")
-                                    .arg(SvcTest::startedPid(guard.log))
-                                    .arg(arguments.join(QLatin1Char('|')));
-        QVERIFY2(SvcTest::readLog(guard.log).contains(started),
-                 qPrintable(SvcTest::readLog(guard.log).join(" / ")));
-
-        // A second default start finds it alive and refuses.
-        const SvcRun again = SvcTest::runProgram(arguments, environment);
-        QCOMPARE(again.exitCode, -4);
-        QVERIFY2(again.err.contains(QStringLiteral("Service %1 is Running!").arg(name).toLocal8Bit()),
-                 again.err.constData());
-
-        // The management stop reaches it through its channel; launcher, stopper
-        // and service each end with 0.
-        QCOMPARE(SvcTest::runProgram({"-t", "-n", name}, environment).exitCode, 0);
-        QTRY_VERIFY_WITH_TIMEOUT(!QFileInfo::exists(guard.socket), 10000);
-        QTRY_COMPARE(SvcTest::readLog(guard.log).count(QStringLiteral("stop")), 1);
-        QTRY_COMPARE(SvcTest::readLog(guard.log).count(QStringLiteral("exit 0")), 3);
+            box.run("./korb_test_service", fill(arguments).split('|'),
+                    SvcTest::environment(guard.log, items.filter(QRegularExpression("^[A-Z_]+="))), prepare);
+        QCOMPARE(run.exitCode, status);
+        // systemctl's "Std:" and "Err:" blocks are left out, its "Run:" lines stay.
+        compareText(QString::fromUtf8(run.out).remove(QRegularExpression("(Std|Err): .*\n.*\n")), fill(out));
+        compareText(QString::fromUtf8(run.err), fill(err));
+        QCOMPARE(box.registryLines() + box.lines("calls") + installed(box),
+                 fill(after).split(';', Qt::SkipEmptyParts));
+        // A detached instance records beside its starter: any order.
+        QStringList recorded = fill(log).split(';', Qt::SkipEmptyParts) << QString("exit %1").arg(status);
+        recorded.sort();
+        QTRY_COMPARE(sorted(SvcTest::readLog(guard.log)), recorded);
     }
 };
 

@@ -4,7 +4,6 @@
 // byte-exact.
 #include "support/rdv_test_encoder.h"
 #include "support/streamer_process.h"
-#include "support/svc_service_process.h"
 
 #include <QSignalSpy>
 #include <QTcpServer>
@@ -195,7 +194,7 @@ void tst_KorbMainRdvStreamer::terminateAtAnyMomentExitsCleanly()
     }
     QTest::qWait(int(qMax<qint64>(0, afterMs - since.elapsed())));
 
-    SvcTest::ControlClient control;
+    ControlClient control;
     QVERIFY(control.connectTo(relay.controlSocketPath()));
     QCOMPARE(control.exchange("terminate\r\n", 4), QByteArray("true"));
     QVERIFY(relay.process().waitForFinished(15000));

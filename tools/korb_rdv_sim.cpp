@@ -10,6 +10,7 @@
 //                [--single-samples S] [--single-every K] [--period-ms P]
 //                [--start-sec UNIX] [--trailer B]
 
+#include "src/korb_host_port.h"
 #include "src/korb_rdv_settings.h"
 #include "src/korb_rdv_synth.h"
 
@@ -97,12 +98,10 @@ int writeRecording(const Setup &s)
 // "HOST:PORT1,PORT2" with a loopback host and two ports.
 bool parseUdpTarget(const QString &text, Setup *s)
 {
-    const int colon = text.lastIndexOf(QLatin1Char(':'));
-    const QStringList ports = text.mid(colon + 1).split(QLatin1Char(','));
-    QString host = text.left(colon);
-    if (host.startsWith(QLatin1Char('[')) && host.endsWith(QLatin1Char(']')))
-        host = host.mid(1, host.size() - 2);
-    if (colon <= 0 || ports.size() != 2) {
+    const Korb::HostPort target = Korb::splitHostPort(text);
+    const QStringList ports = target.port.split(QLatin1Char(','));
+    const QString &host = target.host;
+    if (!target.separator || host.isEmpty() || ports.size() != 2) {
         std::fprintf(stderr, "--udp expects HOST:PORT1,PORT2\n");
         return false;
     }
@@ -111,13 +110,10 @@ bool parseUdpTarget(const QString &text, Setup *s)
         return false;
     }
     for (int i = 0; i < 2; ++i) {
-        bool ok = false;
-        const uint port = ports[i].trimmed().toUInt(&ok);
-        if (!ok || port == 0 || port > 65535) {
+        if (!Korb::parsePort(ports[i].trimmed(), &s->ports[i])) {
             std::fprintf(stderr, "--udp: bad port %s\n", qPrintable(ports[i]));
             return false;
         }
-        s->ports[i] = quint16(port);
     }
     s->host = host;
     return true;

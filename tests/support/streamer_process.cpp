@@ -1,17 +1,51 @@
 #include "support/streamer_process.h"
 
-#include "support/svc_service_process.h"
+#include "service/korb_service_controller.h"
 
+#include <QDeadlineTimer>
 #include <QDir>
 #include <QElapsedTimer>
+#include <QRandomGenerator>
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QThread>
 #include <QUdpSocket>
 
 #include <csignal>
+#include <unistd.h>
 
-StreamerProcess::StreamerProcess() : m_name(SvcTest::uniqueName(QStringLiteral("korbe2e"))) {}
+namespace {
+// Instance names of concurrent runs never meet: they name the lock, the
+// control socket and the pid file.
+QString uniqueName(const QString &stem)
+{
+    static int counter = 0;
+    return QStringLiteral("%1%2x%3x%4")
+        .arg(stem)
+        .arg(::getpid())
+        .arg(++counter)
+        .arg(QRandomGenerator::global()->bounded(100000));
+}
+} // namespace
+
+bool ControlClient::connectTo(const QString &path)
+{
+    socket.connectToServer(path);
+    return socket.waitForConnected(3000);
+}
+
+QByteArray ControlClient::exchange(const QByteArray &bytes, int expected)
+{
+    socket.write(bytes);
+    QByteArray answer;
+    const QDeadlineTimer deadline(5000);
+    while (answer.size() < expected &&
+           (socket.bytesAvailable() > 0 || socket.waitForReadyRead(int(deadline.remainingTime()))))
+        answer += socket.readAll();
+    return answer;
+}
+
+StreamerProcess::StreamerProcess() : m_name(uniqueName(QStringLiteral("korbe2e"))) {}
 
 StreamerProcess::~StreamerProcess()
 {
@@ -79,7 +113,7 @@ QString StreamerProcess::sanitizerReport() const
 
 QString StreamerProcess::controlSocketPath() const
 {
-    return SvcTest::socketPathFor(m_name);
+    return KorbServiceController::socketPath(m_name);
 }
 
 bool StreamerProcess::launch(const QStringList &mode, const QStringList &extra,

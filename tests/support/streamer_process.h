@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QLocalSocket>
 #include <QProcess>
 #include <QString>
 #include <QStringList>
@@ -55,4 +56,14 @@ private:
     QProcess m_process;
     quint16 m_port = 0;
     QString m_name;
+};
+
+// A client of an instance's control channel on Qt's own local socket,
+// independent of the framework's client.
+struct ControlClient
+{
+    bool connectTo(const QString &path);
+    // Sends raw bytes and collects answers until `expected` bytes arrived.
+    QByteArray exchange(const QByteArray &bytes, int expected);
+    QLocalSocket socket;
 };

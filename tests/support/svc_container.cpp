@@ -43,7 +43,7 @@ QString SvcContainer::unavailableReason()
 QString SvcContainer::boot()
 {
     const SvcRun run = runTool({QStringLiteral("start"), m_name}, BootWaitMs);
-    if (run.finished && run.exitCode == 0)
+    if (run.exitCode == 0)
         return QString();
     return QStringLiteral("the systemd container did not boot: %1")
         .arg(QString::fromLocal8Bit(run.out + run.err).trimmed().right(400));

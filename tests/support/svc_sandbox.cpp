@@ -1,8 +1,25 @@
 #include "support/svc_sandbox.h"
 
+#include <QDeadlineTimer>
 #include <QDir>
-#include <QFile>
 #include <QProcess>
+#include <QRegularExpression>
+#include <QSettings>
+#include <QThread>
+
+#include <signal.h>
+
+namespace {
+
+QStringList fileLines(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    return QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+}
+
+} // namespace
 
 SvcRun svcRun(const QString &program, const QStringList &arguments, const QProcessEnvironment &environment,
               int timeoutMs)
@@ -11,48 +28,66 @@ SvcRun svcRun(const QString &program, const QStringList &arguments, const QProce
     process.setProcessEnvironment(environment);
     process.start(program, arguments);
     SvcRun run;
-    if (!process.waitForStarted(timeoutMs))
-        return run;
-    run.finished = process.waitForFinished(timeoutMs) && process.exitStatus() == QProcess::NormalExit;
-    if (run.finished) {
+    if (process.waitForFinished(timeoutMs) && process.exitStatus() == QProcess::NormalExit)
         run.exitCode = qint8(process.exitCode());
-    } else {
-        process.kill();
-        process.waitForFinished(1000);
-    }
+    process.kill();
+    process.waitForFinished(1000);
     run.out = process.readAllStandardOutput();
     run.err = process.readAllStandardError();
     return run;
 }
 
-SvcSandbox::SvcSandbox()
+SvcSandbox::SvcSandbox(bool systemd)
 {
     for (const char *sub : {"upper", "work", "unit"})
         QDir(m_dir.path()).mkpath(QString::fromLatin1(sub));
+    write(QStringLiteral("comm"), systemd ? "systemd\n" : "init\n");
+    write(QStringLiteral("systemctl"),
+          QStringLiteral("#!/bin/sh\necho \"$*\" >> %1/calls\n"
+                         "case $1 in is-*) cat %1/$1 2>/dev/null || echo unknown;; esac\n")
+              .arg(m_dir.path())
+              .toUtf8());
+    QFile::setPermissions(path(QStringLiteral("systemctl")), QFile::ReadOwner | QFile::ExeOwner);
 }
 
 QString SvcSandbox::unavailableReason()
 {
     static const QString reason = [] {
-        SvcSandbox probe;
-        const SvcRun run = probe.run(QStringLiteral("/bin/sh"), {"-c", "echo probe > /etc/korbsvc-probe"});
-        if (!run.finished || run.exitCode != 0)
-            return QStringLiteral("private mount namespace with an /etc overlay not permitted here: %1")
-                .arg(QString::fromLocal8Bit(run.err.trimmed()));
-        if (!QFile::exists(probe.etcDir() + QStringLiteral("/korbsvc-probe")))
-            return QStringLiteral("the /etc overlay did not take the write");
-        if (QFile::exists(QStringLiteral("/etc/korbsvc-probe")))
-            return QStringLiteral("the /etc overlay leaked to the machine");
+        const SvcRun run =
+            SvcSandbox().run(QStringLiteral("/bin/sh"), {"-c", "echo probe > /etc/korbsvc-probe"});
+        if (run.exitCode != 0 || QFile::exists(QStringLiteral("/etc/korbsvc-probe")))
+            return QStringLiteral("no private mount namespace with these mounts here: ") + run.err.trimmed();
         return QString();
     }();
     return reason;
 }
 
-void SvcSandbox::writeRegistry(const QByteArray &ini)
+void SvcSandbox::write(const QString &name, const QByteArray &bytes) const
 {
-    QFile file(registryPath());
+    QFile file(path(name));
     if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        file.write(ini);
+        file.write(bytes);
+}
+
+QStringList SvcSandbox::lines(const QString &name) const
+{
+    return fileLines(path(name));
+}
+
+QStringList SvcSandbox::registryLines() const
+{
+    QSettings settings(path(QStringLiteral("upper/KorbService.conf")), QSettings::IniFormat);
+    settings.beginGroup(QStringLiteral("services"));
+    QStringList result;
+    for (const QString &name : settings.childGroups()) {
+        settings.beginGroup(name);
+        QString line = name;
+        for (const QString &key : settings.childKeys())
+            line += QLatin1Char(' ') + key + QLatin1Char('=') + settings.value(key).toString();
+        settings.endGroup();
+        result << line;
+    }
+    return result;
 }
 
 SvcRun SvcSandbox::run(const QString &program, const QStringList &arguments,
@@ -62,6 +97,8 @@ SvcRun SvcSandbox::run(const QString &program, const QStringList &arguments,
         QStringLiteral("set -e\n"
                        "mount -t overlay korbsvc -o lowerdir=/etc,upperdir=%1/upper,workdir=%1/work /etc\n"
                        "mount --bind %1/unit /usr/lib/systemd/system\n"
+                       "mount --bind %1/comm /proc/1/comm\n"
+                       "mount --bind %1/systemctl /usr/bin/systemctl\n"
                        "%2\n"
                        "exec \"$@\"\n")
             .arg(m_dir.path(), setup);
@@ -70,3 +107,39 @@ SvcRun SvcSandbox::run(const QString &program, const QStringList &arguments,
                       arguments,
                   environment);
 }
+
+namespace SvcTest {
+
+QString program()
+{
+    return QStringLiteral(KORB_TEST_PROGRAMS_DIR "/korb_test_service");
+}
+
+QStringList readLog(const QString &path)
+{
+    return fileLines(path).replaceInStrings(QRegularExpression(QStringLiteral("pid=\\d+ ")), QString());
+}
+
+QProcessEnvironment environment(const QString &logPath, const QStringList &extra)
+{
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.remove(QStringLiteral("KORBSERVICE_RUN"));
+    environment.insert(QStringLiteral("KORB_TEST_SERVICE_LOG"), logPath);
+    for (const QString &item : extra)
+        environment.insert(item.section(QLatin1Char('='), 0, 0), item.section(QLatin1Char('='), 1));
+    return environment;
+}
+
+DetachedGuard::~DetachedGuard()
+{
+    static const QRegularExpression started(QStringLiteral("^start pid=(\\d+) "));
+    for (const QString &line : fileLines(log)) {
+        const pid_t pid = pid_t(started.match(line).captured(1).toInt());
+        const QDeadlineTimer deadline(3000);
+        while (pid > 0 && ::kill(pid, SIGKILL) == 0 && !deadline.hasExpired())
+            QThread::msleep(10);
+    }
+    QFile::remove(socket);
+}
+
+} // namespace SvcTest

@@ -1,8 +1,6 @@
 #pragma once
 
-#include <QByteArray>
 #include <QProcessEnvironment>
-#include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
 
@@ -10,7 +8,6 @@
 // it (-1 and -4, not 255 and 252), and -1000 unless it ended normally in time.
 struct SvcRun
 {
-    bool finished = false;
     int exitCode = -1000;
     QByteArray out;
     QByteArray err;
@@ -21,24 +18,25 @@ SvcRun svcRun(const QString &program, const QStringList &arguments,
               const QProcessEnvironment &environment = QProcessEnvironment::systemEnvironment(),
               int timeoutMs = 30000);
 
-// Runs programs in a private mount namespace where /etc is an overlay whose
-// writes land here and /usr/lib/systemd/system is an empty directory, so the
-// machine's registry, units and init scripts are never touched.
+// Runs programs in a private mount namespace over files of this sandbox:
+// /etc is an overlay writing to "upper", /usr/lib/systemd/system is "unit",
+// /proc/1/comm says "systemd" or "init", and /usr/bin/systemctl appends its
+// arguments to "calls" and answers "is-*" questions from the file of that
+// name ("unknown" without one). The machine's own are never touched.
 class SvcSandbox
 {
     Q_DISABLE_COPY(SvcSandbox)
 
 public:
-    SvcSandbox();
+    explicit SvcSandbox(bool systemd = false);
 
-    // Empty when namespaces and overlay mounts work here, else why not.
+    // Empty when namespaces and these mounts work here, else why not.
     static QString unavailableReason();
-
-    // What the sandboxed /etc received (the overlay's upper layer).
-    QString etcDir() const { return m_dir.path() + QStringLiteral("/upper"); }
-    QString unitDir() const { return m_dir.path() + QStringLiteral("/unit"); }
-    QString registryPath() const { return etcDir() + QStringLiteral("/KorbService.conf"); }
-    void writeRegistry(const QByteArray &ini);
+    QString path(const QString &name) const { return m_dir.filePath(name); }
+    void write(const QString &name, const QByteArray &bytes) const;
+    QStringList lines(const QString &name) const;
+    // One line per registered instance: "NAME key=value ..." in key order.
+    QStringList registryLines() const;
 
     // `setup` is shell text run inside the namespace after the mounts.
     SvcRun run(const QString &program, const QStringList &arguments,
@@ -48,3 +46,25 @@ public:
 private:
     QTemporaryDir m_dir;
 };
+
+// The framework's test service, korb_test_service, records each operation
+// the framework calls as one line of the file in KORB_TEST_SERVICE_LOG.
+namespace SvcTest {
+
+QString program();
+// The log's lines, the pid left out of the "start" line.
+QStringList readLog(const QString &path);
+// A management command's environment: not the service process, recording
+// to `logPath`, plus "NAME=VALUE" items.
+QProcessEnvironment environment(const QString &logPath, const QStringList &extra = {});
+
+// Kills a service that a test started detached (its pid from its log) and
+// removes its socket file, however the test ends.
+struct DetachedGuard
+{
+    QString log;
+    QString socket;
+    ~DetachedGuard();
+};
+
+} // namespace SvcTest

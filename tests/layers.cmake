@@ -1,0 +1,73 @@
+# The layer check: no unit includes a header of a layer above or beside it.
+#   core (wire, packets, scanner, logger, paths, settings)  includes core only
+#   tools (decoder, synthetic frames)                        core and tools
+#   relay (every other src/ unit)                            core and relay
+#   service (service/)                                       core and service
+# Included by tests/CMakeLists.txt, it registers itself as the test "layers";
+# run with -P, it checks the tree. Relay units are whatever src/ holds beyond
+# the core and tools lists of CMakeLists.txt, so new relay files need nothing
+# here.
+if(NOT CMAKE_SCRIPT_MODE_FILE)
+  string(REPLACE ";" "," core "${KORB_CORE_SOURCES};${KORB_CORE_HEADERS}")
+  string(REPLACE ";" "," tools "${KORB_TOOLS_SOURCES}")
+  add_test(NAME layers COMMAND ${CMAKE_COMMAND} -DSOURCE_DIR=${CMAKE_SOURCE_DIR} -DCORE=${core}
+    -DTOOLS=${tools} -P ${CMAKE_CURRENT_LIST_FILE})
+  return()
+endif()
+
+cmake_policy(VERSION 3.16)
+
+# A listed source stands for its header too.
+function(stems out list)
+  string(REPLACE "," ";" files "${list}")
+  set(result)
+  foreach(f ${files})
+    string(REGEX REPLACE "\\.(cpp|h)$" "" stem "${f}")
+    list(APPEND result ${stem})
+  endforeach()
+  set(${out} ${result} PARENT_SCOPE)
+endfunction()
+stems(core_stems "${CORE}")
+stems(tools_stems "${TOOLS}")
+
+function(layer_of out file)
+  string(REGEX REPLACE "\\.(cpp|h)$" "" stem "${file}")
+  if(file MATCHES "^logger/" OR stem IN_LIST core_stems)
+    set(${out} core PARENT_SCOPE)
+  elseif(stem IN_LIST tools_stems)
+    set(${out} tools PARENT_SCOPE)
+  elseif(file MATCHES "^src/")
+    set(${out} relay PARENT_SCOPE)
+  elseif(file MATCHES "^service/")
+    set(${out} service PARENT_SCOPE)
+  else()
+    set(${out} other PARENT_SCOPE)
+  endif()
+endfunction()
+
+set(allowed_core core)
+set(allowed_tools core tools)
+set(allowed_relay core relay)
+set(allowed_service core service)
+
+file(GLOB_RECURSE files RELATIVE ${SOURCE_DIR}
+  ${SOURCE_DIR}/src/*.h ${SOURCE_DIR}/src/*.cpp ${SOURCE_DIR}/logger/*.h ${SOURCE_DIR}/logger/*.cpp
+  ${SOURCE_DIR}/service/*.h ${SOURCE_DIR}/service/*.cpp)
+set(faults 0)
+foreach(file ${files})
+  layer_of(from ${file})
+  file(STRINGS ${SOURCE_DIR}/${file} includes REGEX "^[ \t]*#[ \t]*include[ \t]*\"")
+  foreach(line ${includes})
+    string(REGEX REPLACE "^[^\"]*\"([^\"]+)\".*$" "\\1" header "${line}")
+    layer_of(to ${header})
+    if(NOT to STREQUAL "other" AND NOT to IN_LIST allowed_${from})
+      message("${file}: ${from} includes ${header} (${to})")
+      math(EXPR faults "${faults} + 1")
+    endif()
+  endforeach()
+endforeach()
+list(LENGTH files count)
+if(faults GREATER 0)
+  message(FATAL_ERROR "${faults} include(s) against the layers")
+endif()
+message("layers: ${count} files, every include within its layer")

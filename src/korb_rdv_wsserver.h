@@ -101,6 +101,8 @@ public:
     qint64 playbackSkipped() const { return m_playSkipped; }
     // Completed passes over the loaded file.
     int playbackPasses() const { return m_playPasses; }
+    // Whether a pass is still handing the newest packet out.
+    bool broadcastInProgress() const { return m_passActive; }
     // Packets that waited for a slow client and gave way to a newer one.
     qint64 replacedPackets() const { return m_replacedPackets; }
 

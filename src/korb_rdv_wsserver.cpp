@@ -310,14 +310,16 @@ void WebSocketServer::sendAllClients(const QVariant &data)
 
 // The newest packet wins: it is framed once, and a pass hands it to every
 // client in table order, in slices of bounded time. A packet that arrives
-// during a pass becomes the one handed out from there on; the clients
-// visited before it get it when the pass starts over from the first client.
+// during a pass goes, after the pass's own, to the clients not yet visited;
+// the ones visited before it get it when the pass starts over from the
+// first client. A client busy writing keeps only the newest one waiting.
 void WebSocketServer::broadcastBinary(const QByteArray &packet)
 {
     m_packetFrame = Rdv::wsBinaryFrame(packet);
     ++m_packetSeq;
     if (!m_passActive) {
         m_passActive = true;
+        m_passFrame = m_packetFrame;
         m_passSeq = m_packetSeq;
         m_passLast = nullptr;
     }
@@ -370,6 +372,7 @@ void WebSocketServer::endPass()
     if (m_passSeq != m_packetSeq) {
         // A newer packet came during the pass: from the first client again,
         // passing over the ones that have it already.
+        m_passFrame = m_packetFrame;
         m_passSeq = m_packetSeq;
         m_passLast = nullptr;
         return;
@@ -380,11 +383,21 @@ void WebSocketServer::endPass()
 
 void WebSocketServer::handOut(const QWebSocket *socket, Client &client)
 {
-    if (client.seq == m_packetSeq)
+    if (client.tcp->state() != QAbstractSocket::ConnectedState) {
+        client.seq = m_packetSeq;
         return;
-    client.seq = m_packetSeq;
-    if (client.tcp->state() != QAbstractSocket::ConnectedState)
-        return;
+    }
+    // The packet of the pass first, so that no client misses it for coming
+    // late in the table; then a newer one that came during the pass.
+    if (client.seq < m_passSeq)
+        give(socket, client, m_passFrame, m_passSeq);
+    if (client.seq < m_packetSeq)
+        give(socket, client, m_packetFrame, m_packetSeq);
+}
+
+void WebSocketServer::give(const QWebSocket *socket, Client &client, const QByteArray &frame, quint64 seq)
+{
+    client.seq = seq;
     if (!client.waiting.isEmpty()) {
         ++client.replaced;
         ++m_replacedPackets;
@@ -397,9 +410,9 @@ void WebSocketServer::handOut(const QWebSocket *socket, Client &client)
     }
     if (client.tcp->idle()) {
         client.waiting.clear();
-        client.tcp->writePacket(m_packetFrame);
+        client.tcp->writePacket(frame);
     } else {
-        client.waiting = m_packetFrame;
+        client.waiting = frame;
     }
 }
 

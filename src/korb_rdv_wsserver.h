@@ -165,6 +165,7 @@ private:
     void queueSlice();
     void runSlice();
     void handOut(const QWebSocket *socket, Client &client);
+    void give(const QWebSocket *socket, Client &client, const QByteArray &frame, quint64 seq);
     void writeWaiting(Client &client);
     void onClientDrained(QWebSocket *socket);
     void endPass();
@@ -208,7 +209,9 @@ private:
     // pass that hands it out slice by slice.
     QByteArray m_packetFrame;
     quint64 m_packetSeq = 0;
-    quint64 m_passSeq = 0; // newest packet when the pass last began at the first client
+    // The packet the pass hands out: the newest when it last began at the first client.
+    QByteArray m_passFrame;
+    quint64 m_passSeq = 0;
     bool m_passActive = false;
     QWebSocket *m_passLast = nullptr; // last client visited; null: none yet
     bool m_sliceQueued = false;

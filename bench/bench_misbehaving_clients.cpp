@@ -114,9 +114,11 @@ int main(int argc, char **argv)
     cli.setApplicationDescription(QStringLiteral("Careless clients against a running relay (loopback)."));
     cli.addHelpOption();
     cli.addOption({QStringLiteral("port"), QStringLiteral("relay's WebSocket port"), QStringLiteral("port")});
-    cli.addOption({QStringLiteral("pid"), QStringLiteral("relay's process id (memory)"), QStringLiteral("pid")});
+    cli.addOption(
+        {QStringLiteral("pid"), QStringLiteral("relay's process id (memory)"), QStringLiteral("pid")});
     cli.addOption({QStringLiteral("seconds"), QStringLiteral("duration (15)"), QStringLiteral("s"), "15"});
-    cli.addOption({QStringLiteral("ims"), QStringLiteral("interval the commands set (4)"), QStringLiteral("ms"), "4"});
+    cli.addOption(
+        {QStringLiteral("ims"), QStringLiteral("interval the commands set (4)"), QStringLiteral("ms"), "4"});
     cli.process(app);
     const quint16 port = quint16(cli.value(QStringLiteral("port")).toUInt());
     const qint64 pid = cli.value(QStringLiteral("pid")).toLongLong();
@@ -138,13 +140,15 @@ int main(int argc, char **argv)
     QWebSocket reader;
     reader.setProxy(QNetworkProxy::NoProxy);
     QElapsedTimer clock;
-    qint64 packets = 0, firstMs = -1, lastMs = -1, largestGapMs = 0;
+    qint64 packets = 0, firstMs = -1, lastMs = -1, largestGapMs = 0, largestGapAtMs = 0;
     QObject::connect(&reader, &QWebSocket::binaryMessageReceived, [&](const QByteArray &) {
         const qint64 now = clock.elapsed();
-        if (lastMs >= 0)
-            largestGapMs = qMax(largestGapMs, now - lastMs);
-        else
+        if (lastMs < 0)
             firstMs = now;
+        else if (now - lastMs > largestGapMs) {
+            largestGapMs = now - lastMs;
+            largestGapAtMs = lastMs;
+        }
         lastMs = now;
         ++packets;
     });
@@ -170,20 +174,23 @@ int main(int argc, char **argv)
 
     const qint64 rssEnd = rssKb(pid);
     // The gap still open at the end counts as well.
-    if (lastMs >= 0)
-        largestGapMs = qMax(largestGapMs, clock.elapsed() - lastMs);
+    if (lastMs >= 0 && clock.elapsed() - lastMs > largestGapMs) {
+        largestGapMs = clock.elapsed() - lastMs;
+        largestGapAtMs = lastMs;
+    }
     commands.stopping = binaries.stopping = true;
     std::printf("careless clients, %d s on ws://127.0.0.1:%u (relay pid %lld)\n", seconds, port, pid);
-    std::printf("command flooder: %lld commands of %d B, %d connections, dropped %d times\n", commands.unitsSent,
-                int(commands.unit.size()), commands.connections, commands.dropped);
+    std::printf("command flooder: %lld commands of %d B, %d connections, dropped %d times\n",
+                commands.unitsSent, int(commands.unit.size()), commands.connections, commands.dropped);
     std::printf("binary flooder:  %lld messages of %d B, %d connections, dropped %d times\n",
-                binaries.unitsSent * (binaries.unit.size() / tiny.size()), int(tiny.size()), binaries.connections,
-                binaries.dropped);
-    std::printf("reader:          %lld packets, first after %lld ms, largest gap %lld ms\n", packets, firstMs,
-                largestGapMs);
+                binaries.unitsSent * (binaries.unit.size() / tiny.size()), int(tiny.size()),
+                binaries.connections, binaries.dropped);
+    std::printf("reader:          %lld packets, first after %lld ms, largest gap %lld ms (from %lld ms)\n",
+                packets, firstMs, largestGapMs, largestGapAtMs);
     std::printf("relay VmRSS kB:  start %lld, max %lld, end %lld\n", rssStart, rssMax, rssEnd);
-    std::printf("RESULT tool=bench_misbehaving_clients secs=%d packets=%lld gap_max_ms=%lld rss_start_kb=%lld "
-                "rss_max_kb=%lld rss_end_kb=%lld cmd_drops=%d bin_drops=%d\n",
-                seconds, packets, largestGapMs, rssStart, rssMax, rssEnd, commands.dropped, binaries.dropped);
+    std::printf(
+        "RESULT tool=bench_misbehaving_clients secs=%d packets=%lld gap_max_ms=%lld rss_start_kb=%lld "
+        "rss_max_kb=%lld rss_end_kb=%lld cmd_drops=%d bin_drops=%d\n",
+        seconds, packets, largestGapMs, rssStart, rssMax, rssEnd, commands.dropped, binaries.dropped);
     return 0;
 }

@@ -76,7 +76,6 @@ public:
 
     int maxClients() const { return m_maxClients; }
     void setMaxClients(int clients) { m_maxClients = qMax(1, clients); }
-    qint64 maxQueuedBytes() const { return m_maxQueuedBytes; }
     void setMaxQueuedBytes(qint64 bytes) { m_maxQueuedBytes = bytes; }
 
     bool sendClient(quint64 descriptor, const QVariant &data);

@@ -71,14 +71,14 @@ int TestRdvWsServer::closeCodeReadBy(QTcpSocket &socket)
     socket.setReadBufferSize(0);
     QByteArray stream;
     QList<RdvTest::WsFrame> frames;
-    QTest::qWaitFor(
+    const bool closed = QTest::qWaitFor(
         [&] {
             stream += socket.readAll();
             frames += RdvTest::takeServerFrames(stream);
             return !frames.isEmpty() && frames.last().opcode == 0x8;
         },
         10000);
-    return frames.isEmpty() ? -1 : frames.last().closeCode();
+    return closed ? frames.last().closeCode() : -1;
 }
 
 void TestRdvWsServer::init()

@@ -348,21 +348,23 @@ void TestRdvWsServer::stalledClientGetsOnlyFreshPackets()
 // 1008 once they pile up in the relay; another client keeps receiving.
 void TestRdvWsServer::unreadRepliesCloseWith1008()
 {
+    QSignalSpy connectedSpy(m_server.get(), &WebSocketServer::connected);
+    QSignalSpy commandSpy(m_server.get(), &WebSocketServer::readyRead);
     QTcpSocket flooder;
     QVERIFY(connectStalled(flooder));
+    QWebSocket *serverSide = socketArg(connectedSpy.at(0));
     WsTestClient *reader = connectClient();
     QVERIFY(reader);
     // Each reply echoes the 60 KB command: the kernel's buffers fill, then the
-    // bound. One command at a time, so nothing of the flooder's is left
-    // unsent when the relay gives up on it.
+    // bound. One command at a time, each taken by the relay before the next,
+    // so that none is left unread when the relay closes.
     const QByteArray command = RdvTest::clientFrame(0x1, "ims:" + QByteArray(60000, ' ') + "20");
-    QVERIFY(QTest::qWaitFor(
-        [&] {
-            if (flooder.bytesToWrite() == 0)
-                flooder.write(command);
-            return m_server->clientCount() == 1;
-        },
-        20000));
+    for (int sent = 1; serverSide->bytesToWrite() <= WebSocketServer::MaxClientReplyBacklog; ++sent) {
+        QVERIFY(sent < 1000);
+        flooder.write(command);
+        QTRY_COMPARE(commandSpy.count(), sent);
+    }
+    QTRY_COMPARE(m_server->clientCount(), 1);
 
     const RdvTest::FrameSpec single = RdvTest::singleFrame(100);
     m_server->sendRdv(asFrame(RdvTest::encodeFrame(single)));

@@ -66,7 +66,7 @@ QString cpuFlag(bool on)
 
 KorbRdvStreamer::KorbRdvStreamer(QObject *parent, bool underService, const QStringList &arguments,
                                  const QString &serviceName)
-    : QObject(parent)
+    : QObject(parent), m_maxClients(WebSocketServer::DefaultMaxClients)
 {
     setObjectName(QStringLiteral("server"));
     m_serviceFlag = underService ? 1 : 0;
@@ -93,6 +93,7 @@ KorbRdvStreamer::KorbRdvStreamer(QObject *parent, bool underService, const QStri
         m_udpPorts[0] = m_udpPorts[1] = 0;
 
     m_server = new WebSocketServer(this, m_port);
+    m_server->setMaxClients(m_maxClients);
     if (!m_server->start(m_port)) {
         KTRACE << "no listen ws port" << m_port;
         KLOG(this, -1,
@@ -153,6 +154,13 @@ void KorbRdvStreamer::parseArguments(const QStringList &args)
                 KTRACE << "arg interval_ms default: " << Korb::DefaultSendIntervalMs;
                 Korb::sendIntervalMs = Korb::DefaultSendIntervalMs;
             }
+        } else if (a.startsWith(QLatin1String("-max_clients="))) {
+            bool ok = false;
+            const int v = value.toInt(&ok);
+            if (ok && v >= 1)
+                m_maxClients = v;
+            else
+                KTRACE << "err arg max_clients: " << value;
         } else if (a.startsWith(QLatin1String("-udp1=")) || a.startsWith(QLatin1String("-udp2="))) {
             const int n = a.at(4) == QLatin1Char('1') ? 0 : 1;
             bool ok = false;

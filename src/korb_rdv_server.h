@@ -56,6 +56,7 @@ public:
     QString configFile() const { return m_configFile; }
     quint16 udpPort1() const { return m_udpPorts[0]; }
     quint16 udpPort2() const { return m_udpPorts[1]; }
+    int maxClients() const { return m_maxClients; }
     bool logThresholdGiven() const { return m_ltGiven; }
     bool logDirGiven() const { return m_ldGiven; }
     qint8 serviceFlag() const { return m_serviceFlag; }
@@ -108,6 +109,7 @@ private:
     quint16 m_devicePort = 0;
     QString m_replayFile;
     quint16 m_udpPorts[2] = {0, 0};
+    int m_maxClients;
     QTimer *m_wakeUpper = nullptr;
     WebSocketServer *m_server = nullptr;
     KorbRdvStreamerUdp *m_udp = nullptr;

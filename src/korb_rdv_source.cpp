@@ -7,6 +7,8 @@
 #include <QFileInfo>
 #include <QTimerEvent>
 
+#include <sys/socket.h>
+
 KorbRdvSource::KorbRdvSource(QObject *parent, KorbRdvSink *sink, QObject *commandSource, int watchdogMs)
     : QObject(parent), m_scan(sink), m_watchdogMs(watchdogMs)
 {
@@ -38,13 +40,14 @@ QString KorbRdvSource::makeDumpFileName(const QString &ext)
 
 void KorbRdvSource::runCmd(quint16 ms)
 {
-    KLOG(this, 2, tr("runCmd: интервал отправки %1 мс").arg(ms));
+    // Folded: a client may send the same command over and over.
+    KLOGF(this, 2, tr("runCmd: интервал отправки %1 мс").arg(ms));
     m_scan.setSendIntervalMs(ms);
 }
 
 void KorbRdvSource::runCmd(const QString &cmd)
 {
-    KLOG(this, 2, QStringLiteral("runCmd %1").arg(cmd));
+    KLOGF(this, 2, QStringLiteral("runCmd %1").arg(cmd));
     if (!receiving() || !m_scan.charBuff())
         return;
     const QString c = cmd.trimmed();
@@ -59,6 +62,30 @@ void KorbRdvSource::runCmd(const QString &cmd)
     else
         m_scan.writeCsv(&m_file);
     m_file.close();
+}
+
+int KorbRdvSource::requestReceiveBuffer(qintptr descriptor)
+{
+    const int fd = int(descriptor);
+    const int want = SocketReceiveBufferSize;
+    // SO_RCVBUFFORCE passes net.core.rmem_max where the process may (root,
+    // CAP_NET_ADMIN); SO_RCVBUF is capped by it.
+    if (::setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &want, sizeof want) != 0)
+        ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &want, sizeof want);
+    int reported = 0;
+    socklen_t length = sizeof reported;
+    ::getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &reported, &length);
+    // The kernel reports twice the size set: the other half is its bookkeeping.
+    const int granted = reported / 2;
+    if (granted < SocketReceiveBufferSize && !m_receiveBufferWarned) {
+        m_receiveBufferWarned = true;
+        KLOG(this, 1,
+             tr("буфер приёма сокета: %1 kB вместо %2 kB; требуется net.core.rmem_max = %3")
+                 .arg(granted / 1024)
+                 .arg(SocketReceiveBufferSize / 1024)
+                 .arg(SocketReceiveBufferSize));
+    }
+    return granted;
 }
 
 bool KorbRdvSource::ensureBuffer()

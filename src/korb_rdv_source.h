@@ -18,6 +18,10 @@ class KorbRdvSource : public QObject
     Q_DISABLE_COPY(KorbRdvSource)
 
 public:
+    // Kernel receive buffer asked for on the device's sockets: a burst of
+    // full-size frames must fit while the event loop is busy elsewhere.
+    static constexpr int SocketReceiveBufferSize = 8 * 1024 * 1024;
+
     ~KorbRdvSource() override;
 
     KorbRdvScanner &scanner() { return m_scan; }
@@ -61,6 +65,10 @@ protected:
     // Allocates the buffer (bufferCapacity()) when there is none; true when
     // it was allocated by this call.
     bool ensureBuffer();
+    // Asks the kernel for SocketReceiveBufferSize on a socket and returns the
+    // size granted; the first shortfall of the source is logged as a warning
+    // that names the net.core.rmem_max needed.
+    int requestReceiveBuffer(qintptr descriptor);
     // (Re)starts the silence watchdog.
     void restartWatchdog();
     void stopWatchdog();
@@ -74,4 +82,5 @@ private:
     int m_watchdogId = 0;
     int m_fileCounter = 0;
     int m_bufferCapacity = KorbRdvScanner::MaxBufferSize;
+    bool m_receiveBufferWarned = false;
 };

@@ -220,11 +220,11 @@ void KorbRdvStreamerTcp::ReceiveBuffer()
 {
     if (!m_socket)
         return;
-    const int before = m_socket->socketOption(QAbstractSocket::ReceiveBufferSizeSocketOption).toInt();
-    m_socket->setSocketOption(QAbstractSocket::ReceiveBufferSizeSocketOption, SocketReceiveBufferSize);
-    const int after = m_socket->socketOption(QAbstractSocket::ReceiveBufferSizeSocketOption).toInt();
+    // Both halved: the kernel reports twice the size set.
+    const int before = m_socket->socketOption(QAbstractSocket::ReceiveBufferSizeSocketOption).toInt() / 2;
+    const int granted = requestReceiveBuffer(m_socket->socketDescriptor());
     KLOG(this, 2, tr("буфер приёма: %1 kB (default)").arg(before / 1024));
-    KLOG(this, 2, tr("буфер приёма: %1 kB (used)").arg(after / 1024));
+    KLOG(this, 2, tr("буфер приёма: %1 kB (used)").arg(granted / 1024));
 }
 
 bool KorbRdvStreamerTcp::testRemotePort(const QString &hostPort)

@@ -24,9 +24,6 @@ public:
     static constexpr int ReconnectDelayMs = 1000;
     // Silence that ends a burst; shorter than the UDP receiver's on purpose.
     static constexpr int WatchdogMs = 250;
-    // Kernel receive buffer asked for, so the device is not throttled while
-    // the event loop sends to clients.
-    static constexpr int SocketReceiveBufferSize = 8 * 1024 * 1024;
     // Bytes taken from the socket per read: the rest stays queued for the
     // next round, so one read never exceeds the character buffer.
     static constexpr qint64 MaxReadChunk = 8 * 1024 * 1024;

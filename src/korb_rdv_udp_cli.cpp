@@ -87,20 +87,6 @@ bool KorbRdvStreamerUdp::receiving() const
     return isBound(udpSocket1) && isBound(udpSocket2);
 }
 
-bool KorbRdvStreamerUdp::applyReceiveBuffer(QUdpSocket *socket)
-{
-    socket->setSocketOption(QAbstractSocket::ReceiveBufferSizeSocketOption, SocketReceiveBufferSize);
-    const int granted = socket->socketOption(QAbstractSocket::ReceiveBufferSizeSocketOption).toInt();
-    if (granted >= SocketReceiveBufferSize)
-        return true;
-    KLOG(this, 1,
-         tr("буфер приёма порта %1: %2 kB вместо %3 kB (net.core.rmem_max)")
-             .arg(socket->localPort())
-             .arg(granted / 1024)
-             .arg(SocketReceiveBufferSize / 1024));
-    return false;
-}
-
 bool KorbRdvStreamerUdp::bind()
 {
     if (receiving())
@@ -122,7 +108,7 @@ bool KorbRdvStreamerUdp::bind()
             s->setSocketOption(QAbstractSocket::LowDelayOption, 1);
             s->setSocketOption(QAbstractSocket::MulticastTtlOption, 1);
             s->setSocketOption(QAbstractSocket::TypeOfServiceOption, 32);
-            applyReceiveBuffer(s);
+            requestReceiveBuffer(s->socketDescriptor());
         }
     }
     if (m_logging) {

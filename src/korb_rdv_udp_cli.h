@@ -20,9 +20,6 @@ class KorbRdvStreamerUdp : public KorbRdvSource
 public:
     // Per-port reassembly area; 1 MiB holds many of the largest datagrams.
     static constexpr int ReceiveAreaSize = 1048576;
-    // A burst of full-size datagrams must fit in the kernel's queue while the
-    // event loop is busy elsewhere; the kernel may grant less (then logged).
-    static constexpr int SocketReceiveBufferSize = 8 * 1024 * 1024;
     // Silence that ends a burst.
     static constexpr int WatchdogMs = 550;
     // A frame opens at offset 8 of a datagram or at the first of 9..14.
@@ -97,7 +94,6 @@ private:
     void dropFrame(int udpNum);
     void resetPorts();
     void parseCapture();
-    bool applyReceiveBuffer(QUdpSocket *socket);
 
     bool m_logging = false;
     QUdpSocket *udpSocket1;

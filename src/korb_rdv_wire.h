@@ -6,11 +6,13 @@
 // a byte pointer and decode little-endian explicitly, so nothing depends on
 // the host's byte order or on the alignment of the buffer.
 
+#include <QByteArray>
 #include <QMap>
 #include <QtEndian>
 #include <QtGlobal>
 
 #include <cstddef>
+#include <cstring>
 
 namespace Rdv {
 
@@ -196,6 +198,33 @@ inline quint64 timeMs(const void *f)
 inline qint64 secondsSince2000(const void *f)
 {
     return qint64(timeSec(f)) - Epoch2000;
+}
+
+// A WebSocket binary message as the relay sends it (RFC 6455 server frame:
+// FIN set, opcode 2, not masked, 7-, 16- or 64-bit payload length), built once
+// per packet so that every client is sent the same bytes.
+constexpr uchar WsFinBinary = 0x82;
+constexpr int WsMaxHeaderSize = 10;
+inline QByteArray wsBinaryFrame(const QByteArray &payload)
+{
+    const quint64 size = quint64(payload.size());
+    uchar head[WsMaxHeaderSize] = {WsFinBinary};
+    int headSize = 2;
+    if (size < 126) {
+        head[1] = uchar(size);
+    } else if (size <= 0xFFFF) {
+        head[1] = 126;
+        qToBigEndian<quint16>(quint16(size), head + 2);
+        headSize = 4;
+    } else {
+        head[1] = 127;
+        qToBigEndian<quint64>(size, head + 2);
+        headSize = WsMaxHeaderSize;
+    }
+    QByteArray frame(headSize + payload.size(), Qt::Uninitialized);
+    std::memcpy(frame.data(), head, size_t(headSize));
+    std::memcpy(frame.data() + headSize, payload.constData(), size_t(payload.size()));
+    return frame;
 }
 
 } // namespace Rdv

@@ -1,16 +1,21 @@
 #include "src/korb_rdv_wsserver.h"
 
 #include "logger/korb_log.h"
+#include "src/korb_rdv_client_socket.h"
 #include "src/korb_rdv_command.h"
 #include "src/korb_rdv_packet.h"
 #include "src/korb_rdv_scanner.h"
 #include "src/korb_rdv_settings.h"
+#include "src/korb_rdv_ws_listener.h"
 
 #include <QCoreApplication>
 #include <QFileInfo>
-#include <QNetworkProxy>
+#include <QTimer>
 #include <QTimerEvent>
+#include <QVector>
 #include <QWebSocket>
+
+#include <algorithm>
 
 namespace {
 
@@ -21,26 +26,43 @@ int g_broadcastCount = 0;
 
 constexpr double BytesPerMb = 1024.0 * 1024.0;
 
+// A client's descriptor in messages and in sendClient/removeClient.
+quint64 descriptorOf(const QWebSocket *socket)
+{
+    return quint64(quintptr(socket));
+}
+
+// Tail of a folded console line: how many were held back before it.
+QByteArray heldBackNote(int held)
+{
+    return held > 0 ? QByteArrayLiteral("held back: ") + QByteArray::number(held) : QByteArray();
+}
+
 } // namespace
 
 WebSocketServer::WebSocketServer(QObject *parent, quint16 port)
     : QWebSocketServer(QStringLiteral("rdv"), QWebSocketServer::NonSecureMode, parent),
-      m_port(port ? port : Korb::DefaultPort)
+      m_port(port ? port : Korb::DefaultPort), m_listener(new KorbRdvWsListener(this, MaxClientReplyBacklog))
 {
     connect(this, &QWebSocketServer::newConnection, this, &WebSocketServer::onNewConnection);
+    connect(m_listener, &KorbRdvWsListener::accepted, this, &WebSocketServer::onAccepted);
 }
 
 WebSocketServer::~WebSocketServer()
 {
     stopPlaybackTimer();
-    // The remaining clients go with the server; their disconnected() must not
-    // reach a server that is half destroyed.
-    const auto clients = m_clients.keys();
+    for (const Client &client : qAsConst(m_clients))
+        client.tcp->disconnect(this);
     m_clients.clear();
-    for (QWebSocket *socket : clients) {
+    // Every client, in the table or on its way out, goes with the server;
+    // their signals must not reach a server that is half destroyed. The
+    // sockets still in the handshake go with the listener.
+    const auto sockets = findChildren<QWebSocket *>(QString(), Qt::FindDirectChildrenOnly);
+    for (QWebSocket *socket : sockets) {
         socket->disconnect(this);
         delete socket;
     }
+    delete m_listener;
 }
 
 bool WebSocketServer::start(quint16 port)
@@ -49,7 +71,7 @@ bool WebSocketServer::start(quint16 port)
         return true;
     if (port)
         m_port = port;
-    if (!listen(QHostAddress::Any, m_port))
+    if (!m_listener->listen(QHostAddress::Any, m_port))
         return false;
     QCoreApplication::processEvents(QEventLoop::ExcludeUserInputEvents);
     return true;
@@ -71,6 +93,26 @@ quint16 WebSocketServer::port() const
     return m_port;
 }
 
+bool WebSocketServer::isListening() const
+{
+    return m_listener->isListening();
+}
+
+quint16 WebSocketServer::serverPort() const
+{
+    return m_listener->serverPort();
+}
+
+void WebSocketServer::close()
+{
+    m_listener->close();
+}
+
+QString WebSocketServer::errorString() const
+{
+    return m_listener->errorString();
+}
+
 int WebSocketServer::broadcastCount()
 {
     return g_broadcastCount;
@@ -83,6 +125,36 @@ int WebSocketServer::clientCount() const
 
 // ---------------------------------------------------------------- client table
 
+void WebSocketServer::onAccepted(KorbRdvClientSocket *tcp)
+{
+    m_handshakes.removeAll(QPointer<KorbRdvClientSocket>());
+    if (m_handshakes.size() >= m_maxClients) {
+        // Before the handshake there is no WebSocket to say why.
+        KLOGF(this, 1,
+              tr("соединение отклонено: %1 соединений ещё не установили WebSocket").arg(m_maxClients));
+        tcp->abort();
+        tcp->deleteLater();
+        return;
+    }
+    tcp->setReadBufferSize(ClientReadBufferSize);
+    m_handshakes.append(tcp);
+    handleConnection(tcp);
+}
+
+KorbRdvClientSocket *WebSocketServer::takeHandshake(const QWebSocket *socket)
+{
+    // The WebSocket does not say which socket it took over; the peer's
+    // address and port do, since every connection ends at our one port.
+    for (int i = 0; i < m_handshakes.size(); ++i) {
+        KorbRdvClientSocket *tcp = m_handshakes.at(i);
+        if (tcp && tcp->peerPort() == socket->peerPort() && tcp->peerAddress() == socket->peerAddress()) {
+            m_handshakes.removeAt(i);
+            return tcp;
+        }
+    }
+    return nullptr;
+}
+
 void WebSocketServer::onNewConnection()
 {
     g_connectionClock.restart();
@@ -92,15 +164,28 @@ void WebSocketServer::onNewConnection()
     // Owned by the server: sockets released with deleteLater that the event
     // loop never reaches again still go when the server goes.
     socket->setParent(this);
-    socket->setProxy(QNetworkProxy::NoProxy);
+    KorbRdvClientSocket *tcp = takeHandshake(socket);
+    if (!tcp || m_clients.size() >= m_maxClients) {
+        KLOGF(this, 1, tr("клиент отклонён: подключено предельное число клиентов (%1)").arg(m_maxClients));
+        connect(socket, &QWebSocket::disconnected, socket, &QObject::deleteLater);
+        dismiss(socket, CloseCodeTryAgainLater, QStringLiteral("too many clients"));
+        return;
+    }
     socket->setMaxAllowedIncomingMessageSize(MaxClientMessageSize);
     socket->setMaxAllowedIncomingFrameSize(MaxClientMessageSize);
     connect(socket, &QWebSocket::textMessageReceived, this, &WebSocketServer::onReadyReadT);
     connect(socket, &QWebSocket::binaryMessageReceived, this, &WebSocketServer::onReadyReadB);
     connect(socket, &QWebSocket::disconnected, this, &WebSocketServer::onDisconnected);
-    m_clients.insert(socket, socket);
+    connect(tcp, &KorbRdvClientSocket::drained, this, [this, socket] { onClientDrained(socket); });
+    // Queued: the bound is found in the middle of a write of the WebSocket layer.
+    connect(
+        tcp, &KorbRdvClientSocket::replyBoundExceeded, this,
+        [this, guard = QPointer<QWebSocket>(socket)] { onReplyBoundExceeded(guard); }, Qt::QueuedConnection);
+    Client &client = m_clients[socket];
+    client.tcp = tcp;
+    client.seq = m_packetSeq; // a newcomer starts with the next packet
     emit connected(socket);
-    KTRACE << "client" << quint64(quintptr(socket)) << socket->peerAddress().toString() << socket->peerPort()
+    KTRACE << "client" << descriptorOf(socket) << socket->peerAddress().toString() << socket->peerPort()
            << "clients:" << m_clients.size();
     if (m_file.isOpen() && m_clients.size() <= 1)
         restartPlayback();
@@ -111,10 +196,12 @@ void WebSocketServer::onDisconnected()
     QWebSocket *socket = qobject_cast<QWebSocket *>(sender());
     if (!socket)
         return;
+    const qint64 replaced = m_clients.value(socket).replaced;
     m_clients.remove(socket);
     socket->deleteLater();
     emit disconnected(socket);
-    KTRACE << "client gone" << quint64(quintptr(socket)) << "clients:" << m_clients.size();
+    KTRACE << "client gone" << descriptorOf(socket) << "replaced packets:" << replaced
+           << "clients:" << m_clients.size();
     if (m_clients.isEmpty())
         stopPlaybackTimer();
 }
@@ -122,16 +209,14 @@ void WebSocketServer::onDisconnected()
 bool WebSocketServer::removeClient(quint64 descriptor)
 {
     QWebSocket *key = reinterpret_cast<QWebSocket *>(quintptr(descriptor));
-    auto it = m_clients.find(key);
-    if (it == m_clients.end()) {
+    if (!m_clients.contains(key)) {
         if (Korb::logThreshold > 3)
             KLOG(this, 0, tr("не найден клиент с дескриптором %1").arg(descriptor));
         return false;
     }
-    QWebSocket *socket = it.value();
-    m_clients.erase(it);
-    socket->close(QWebSocketProtocol::CloseCodeNormal, QString());
-    socket->deleteLater();
+    m_clients.remove(key);
+    key->close(QWebSocketProtocol::CloseCodeNormal, QString());
+    key->deleteLater();
     // Deliberately "at most one": the last remaining listener does not keep
     // playback going after an explicit removal.
     if (m_clients.size() <= 1)
@@ -139,40 +224,59 @@ bool WebSocketServer::removeClient(quint64 descriptor)
     return true;
 }
 
-// ---------------------------------------------------------------- sending
-
-void WebSocketServer::sendBinary(QWebSocket *socket, const QByteArray &data)
+void WebSocketServer::dismiss(QWebSocket *socket, QWebSocketProtocol::CloseCode code, const QString &reason)
 {
-    // A client that does not read would make its write buffer grow with every
-    // packet and, through flush(), cost every broadcast; it misses packets
-    // until it has drained below the limit.
-    const qint64 backlog = socket->bytesToWrite();
-    if (backlog > MaxClientBacklog) {
-        ++m_backlogSkips;
-        // Folded: one line per series, however long the client stalls.
-        KLOGF(this, 1,
-              tr("клиент %1 не успевает читать данные, пакеты для него пропускаются")
-                  .arg(quint64(quintptr(socket))));
-        return;
-    }
-    socket->sendBinaryMessage(data);
-    socket->flush();
+    socket->close(code, reason);
+    // One that does not read the close in time is cut off, so its buffers go.
+    QTimer::singleShot(CloseGraceMs, socket, &QWebSocket::abort);
 }
+
+void WebSocketServer::dropFromTable(QWebSocket *socket)
+{
+    m_clients.remove(socket);
+    if (m_clients.isEmpty())
+        stopPlaybackTimer();
+}
+
+void WebSocketServer::onReplyBoundExceeded(QWebSocket *socket)
+{
+    if (!socket || !m_clients.contains(socket))
+        return;
+    KLOGF(this, 1,
+          tr("клиент %1 не читает ответы (в очереди более %2 байт): отключён с кодом 1008")
+              .arg(descriptorOf(socket))
+              .arg(MaxClientReplyBacklog));
+    dropFromTable(socket);
+    dismiss(socket, QWebSocketProtocol::CloseCodePolicyViolated, QStringLiteral("replies not read"));
+}
+
+void WebSocketServer::cutOff(QWebSocket *socket)
+{
+    KLOGF(this, 1,
+          tr("клиент %1 отключён: очереди клиентов превысили %2 байт, а он отстаёт дольше всех")
+              .arg(descriptorOf(socket))
+              .arg(m_maxQueuedBytes));
+    dropFromTable(socket);
+    // It does not read, so a close frame would only wait behind the rest.
+    socket->abort();
+}
+
+// ---------------------------------------------------------------- sending
 
 bool WebSocketServer::sendClient(quint64 descriptor, const QVariant &data)
 {
-    QWebSocket *socket = m_clients.value(reinterpret_cast<QWebSocket *>(quintptr(descriptor)), nullptr);
-    if (!socket) {
+    QWebSocket *socket = reinterpret_cast<QWebSocket *>(quintptr(descriptor));
+    if (!m_clients.contains(socket)) {
         KLOG(this, 0, tr("не найден клиент с дескриптором %1").arg(descriptor));
         return false;
     }
     switch (data.userType()) {
     case QMetaType::QString:
         socket->sendTextMessage(data.toString());
-        socket->flush();
         return true;
     case QMetaType::QByteArray:
-        sendBinary(socket, data.toByteArray());
+        // Meant for this client alone: it counts against its reply bound.
+        socket->sendBinaryMessage(data.toByteArray());
         return true;
     default:
         KLOGF(this, 0,
@@ -188,10 +292,9 @@ void WebSocketServer::sendAllClients(const QVariant &data)
     switch (data.userType()) {
     case QMetaType::QString: {
         const QString text = data.toString();
-        for (QWebSocket *socket : qAsConst(m_clients)) {
+        const auto clients = m_clients.keys();
+        for (QWebSocket *socket : clients)
             socket->sendTextMessage(text);
-            socket->flush();
-        }
         break;
     }
     case QMetaType::QByteArray:
@@ -206,14 +309,157 @@ void WebSocketServer::sendAllClients(const QVariant &data)
     }
 }
 
+// The newest packet wins: it is framed once, and a pass hands it to every
+// client in table order, in slices of bounded time. A packet that arrives
+// during a pass goes, after the pass's own, to the clients not yet visited;
+// the ones visited before it get it when the pass starts over from the
+// first client. A client busy writing keeps only the newest one waiting.
 void WebSocketServer::broadcastBinary(const QByteArray &packet)
 {
-    // The table may change under a send (a socket error ends in a
-    // disconnect), so walk a copy; every client shares the one byte array.
-    const auto clients = m_clients.keys();
-    for (QWebSocket *socket : clients) {
-        if (m_clients.contains(socket))
-            sendBinary(socket, packet);
+    m_packetFrame = Rdv::wsBinaryFrame(packet);
+    ++m_packetSeq;
+    if (!m_passActive) {
+        m_passActive = true;
+        m_passFrame = m_packetFrame;
+        m_passSeq = m_packetSeq;
+        m_passLast = nullptr;
+    }
+    // The first slice goes at once; a queued slice carries on by itself.
+    if (!m_sliceQueued)
+        runSlice();
+}
+
+void WebSocketServer::queueSlice()
+{
+    if (m_sliceQueued)
+        return;
+    m_sliceQueued = true;
+    QMetaObject::invokeMethod(this, &WebSocketServer::runSlice, Qt::QueuedConnection);
+}
+
+void WebSocketServer::runSlice()
+{
+    m_sliceQueued = false;
+    QElapsedTimer clock;
+    clock.start();
+    // Clients that have caught up take their waiting packet first.
+    while (!m_ready.isEmpty()) {
+        const auto it = m_clients.find(m_ready.takeFirst());
+        if (it != m_clients.end())
+            writeWaiting(*it);
+        if (clock.nsecsElapsed() >= FanOutSliceNs) {
+            queueSlice();
+            return;
+        }
+    }
+    while (m_passActive) {
+        // Looked up by key each time: the table may change between slices.
+        const auto it = m_clients.upperBound(m_passLast);
+        if (it == m_clients.end()) {
+            endPass();
+            continue;
+        }
+        m_passLast = it.key();
+        handOut(it.key(), *it);
+        if (clock.nsecsElapsed() >= FanOutSliceNs) {
+            queueSlice();
+            return;
+        }
+    }
+}
+
+void WebSocketServer::endPass()
+{
+    if (m_passSeq != m_packetSeq) {
+        // A newer packet came during the pass: from the first client again,
+        // passing over the ones that have it already.
+        m_passFrame = m_packetFrame;
+        m_passSeq = m_packetSeq;
+        m_passLast = nullptr;
+        return;
+    }
+    m_passActive = false;
+    enforceQueuedBound();
+}
+
+void WebSocketServer::handOut(const QWebSocket *socket, Client &client)
+{
+    if (client.tcp->state() != QAbstractSocket::ConnectedState) {
+        client.seq = m_packetSeq;
+        return;
+    }
+    // The packet of the pass first, so that no client misses it for coming
+    // late in the table; then a newer one that came during the pass.
+    if (client.seq < m_passSeq)
+        give(socket, client, m_passFrame, m_passSeq);
+    if (client.seq < m_packetSeq)
+        give(socket, client, m_packetFrame, m_packetSeq);
+}
+
+void WebSocketServer::give(const QWebSocket *socket, Client &client, const QByteArray &frame, quint64 seq)
+{
+    client.seq = seq;
+    if (!client.waiting.isEmpty()) {
+        ++client.replaced;
+        ++m_replacedPackets;
+        if (!client.behind) {
+            client.behind = true;
+            KLOGF(this, 1,
+                  tr("клиент %1 не успевает читать: ожидающие пакеты заменяются более новыми")
+                      .arg(descriptorOf(socket)));
+        }
+    }
+    if (client.tcp->idle()) {
+        client.waiting.clear();
+        client.tcp->writePacket(frame);
+    } else {
+        client.waiting = frame;
+    }
+}
+
+void WebSocketServer::writeWaiting(Client &client)
+{
+    if (client.waiting.isEmpty() || !client.tcp->idle() ||
+        client.tcp->state() != QAbstractSocket::ConnectedState)
+        return;
+    client.tcp->writePacket(client.waiting);
+    client.waiting.clear();
+}
+
+void WebSocketServer::onClientDrained(QWebSocket *socket)
+{
+    const auto it = m_clients.find(socket);
+    if (it == m_clients.end())
+        return;
+    if (it->waiting.isEmpty()) {
+        it->behind = false;
+        return;
+    }
+    // Written from the next slice, never from inside the socket's own signal.
+    m_ready.append(socket);
+    queueSlice();
+}
+
+// Furthest behind is the client whose queue started to fill the earliest and
+// has not emptied since: it has gone longest without taking anything.
+void WebSocketServer::enforceQueuedBound()
+{
+    qint64 total = 0;
+    QVector<QPair<qint64, QWebSocket *>> behind;
+    for (auto it = m_clients.cbegin(); it != m_clients.cend(); ++it) {
+        const qint64 queued = it->tcp->bytesToWrite();
+        total += queued;
+        if (queued > 0)
+            behind.append({it->tcp->behindSince(), it.key()});
+    }
+    if (total <= m_maxQueuedBytes)
+        return;
+    std::sort(behind.begin(), behind.end());
+    for (const auto &b : qAsConst(behind)) {
+        if (total <= m_maxQueuedBytes)
+            break;
+        total -= m_clients.value(b.second).tcp->bytesToWrite();
+        cutOff(b.second);
     }
 }
 
@@ -242,33 +488,50 @@ void WebSocketServer::sendRdv(const RdvChannelMap &channels)
 
 // ---------------------------------------------------------------- client commands
 
+int WebSocketServer::LineFold::admit()
+{
+    if (last.isValid() && last.elapsed() < ClientLineIntervalMs) {
+        ++held;
+        return -1;
+    }
+    last.start();
+    const int before = held;
+    held = 0;
+    return before;
+}
+
 void WebSocketServer::onReadyReadT(const QString &message)
 {
     QWebSocket *socket = qobject_cast<QWebSocket *>(sender());
     if (!socket)
         return;
-    if (!message.isEmpty()) {
-        KTRACE << "cmd: " << message;
-        emit readyRead(QVariant(message), socket);
-    }
+    const auto client = m_clients.find(socket);
+    if (client == m_clients.end())
+        return; // on its way out
     const RdvClientCommand command = RdvClientCommand::parse(message);
+    // One client's flood of commands costs about a console line a second.
+    const int held = message.isEmpty() ? -1 : client->lines.admit();
+    if (!message.isEmpty())
+        emit readyRead(QVariant(message), socket);
     switch (command.action) {
     case RdvClientCommand::Forward:
         emit runCmd(command.word);
-        return;
+        break;
     case RdvClientCommand::SetInterval:
         Korb::sendIntervalMs = command.intervalMs;
         if (m_file.isOpen())
             restartPlayback();
         emit runCmd(command.intervalMs);
+        socket->sendTextMessage(command.reply);
         break;
     case RdvClientCommand::Refuse:
-        if (!message.isEmpty())
-            KTRACE << "refused:" << command.reply;
+        socket->sendTextMessage(command.reply);
         break;
     }
-    socket->sendTextMessage(command.reply);
-    socket->flush();
+    if (held >= 0)
+        KTRACE << "cmd: " << message.left(TracedMessageChars)
+               << (command.action == RdvClientCommand::Refuse ? command.reply : QString())
+               << heldBackNote(held).constData();
 }
 
 void WebSocketServer::onReadyReadB(const QByteArray &message)
@@ -276,9 +539,13 @@ void WebSocketServer::onReadyReadB(const QByteArray &message)
     QWebSocket *socket = qobject_cast<QWebSocket *>(sender());
     if (!socket)
         return;
+    const auto client = m_clients.find(socket);
+    if (client == m_clients.end())
+        return;
     socket->sendTextMessage(QStringLiteral("@Err: binary command no supported"));
-    socket->flush();
-    KTRACE << "binary message of" << message.size() << "bytes refused";
+    const int held = client->lines.admit();
+    if (held >= 0)
+        KTRACE << "binary message of" << message.size() << "bytes refused" << heldBackNote(held).constData();
 }
 
 // ---------------------------------------------------------------- playback

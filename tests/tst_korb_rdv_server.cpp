@@ -114,26 +114,31 @@ void tst_KorbRdvServer::attachedOptions_data()
     QTest::addColumn<int>("udp2");
     QTest::addColumn<QString>("host");
     QTest::addColumn<int>("devicePort");
-    QTest::newRow("defaults") << QStringList() << 50 << 0 << 0 << "127.0.0.1" << 3005;
+    QTest::addColumn<int>("maxClients");
+    QTest::newRow("defaults") << QStringList() << 50 << 0 << 0 << "127.0.0.1" << 3005 << 1024;
     QTest::newRow("interval 1 is refused")
-        << QStringList{"-interval_ms=1"} << 50 << 0 << 0 << "127.0.0.1" << 3005;
+        << QStringList{"-interval_ms=1"} << 50 << 0 << 0 << "127.0.0.1" << 3005 << 1024;
     QTest::newRow("interval 2 is accepted")
-        << QStringList{"-interval_ms=2"} << 2 << 0 << 0 << "127.0.0.1" << 3005;
+        << QStringList{"-interval_ms=2"} << 2 << 0 << 0 << "127.0.0.1" << 3005 << 1024;
     QTest::newRow("interval not a number")
-        << QStringList{"-interval_ms=x"} << 50 << 0 << 0 << "127.0.0.1" << 3005;
+        << QStringList{"-interval_ms=x"} << 50 << 0 << 0 << "127.0.0.1" << 3005 << 1024;
     QTest::newRow("udp1 alone is cleared")
-        << QStringList{"-udp1=5000"} << 50 << 0 << 0 << "127.0.0.1" << 3005;
+        << QStringList{"-udp1=5000"} << 50 << 0 << 0 << "127.0.0.1" << 3005 << 1024;
     QTest::newRow("both udp ports enable udp")
-        << QStringList{"-udp1=5000", "-udp2=5001"} << 50 << 5000 << 5001 << "127.0.0.1" << 3005;
+        << QStringList{"-udp1=5000", "-udp2=5001"} << 50 << 5000 << 5001 << "127.0.0.1" << 3005 << 1024;
     QTest::newRow("udp2 65535 is refused")
-        << QStringList{"-udp1=5000", "-udp2=65535"} << 50 << 0 << 0 << "127.0.0.1" << 3005;
+        << QStringList{"-udp1=5000", "-udp2=65535"} << 50 << 0 << 0 << "127.0.0.1" << 3005 << 1024;
     QTest::newRow("address without port")
-        << QStringList{"-addr=127.0.0.2"} << 50 << 0 << 0 << "127.0.0.2" << 3005;
+        << QStringList{"-addr=127.0.0.2"} << 50 << 0 << 0 << "127.0.0.2" << 3005 << 1024;
     QTest::newRow("address with port")
-        << QStringList{"-addr=127.0.0.1:4000"} << 50 << 0 << 0 << "127.0.0.1" << 4000;
+        << QStringList{"-addr=127.0.0.1:4000"} << 50 << 0 << 0 << "127.0.0.1" << 4000 << 1024;
     QTest::newRow("bracketed ipv6 with port")
-        << QStringList{"-addr=[::1]:4001"} << 50 << 0 << 0 << "::1" << 4001;
-    QTest::newRow("bare ipv6") << QStringList{"-addr=::1"} << 50 << 0 << 0 << "::1" << 3005;
+        << QStringList{"-addr=[::1]:4001"} << 50 << 0 << 0 << "::1" << 4001 << 1024;
+    QTest::newRow("bare ipv6") << QStringList{"-addr=::1"} << 50 << 0 << 0 << "::1" << 3005 << 1024;
+    QTest::newRow("client limit") << QStringList{"-max_clients=5"} << 50 << 0 << 0 << "127.0.0.1" << 3005
+                                  << 5;
+    QTest::newRow("client limit 0 is refused")
+        << QStringList{"-max_clients=0"} << 50 << 0 << 0 << "127.0.0.1" << 3005 << 1024;
 }
 
 void tst_KorbRdvServer::attachedOptions()
@@ -144,12 +149,14 @@ void tst_KorbRdvServer::attachedOptions()
     QFETCH(int, udp2);
     QFETCH(QString, host);
     QFETCH(int, devicePort);
+    QFETCH(int, maxClients);
     KorbRdvStreamer s(nullptr, false, args(options + QStringList{"-p", QString::number(freePort())}));
     QCOMPARE(int(Korb::sendIntervalMs), interval);
     QCOMPARE(int(s.udpPort1()), udp1);
     QCOMPARE(int(s.udpPort2()), udp2);
     QCOMPARE(s.deviceHost(), host);
     QCOMPARE(int(s.devicePort()), devicePort);
+    QCOMPARE(s.server()->maxClients(), maxClients);
 }
 
 void tst_KorbRdvServer::wholeWordOptions_data()

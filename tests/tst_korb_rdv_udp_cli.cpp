@@ -4,10 +4,13 @@
 
 #include "src/korb_env.h"
 #include "src/korb_rdv_udp_cli.h"
+#include "src/korb_rdv_wsserver.h"
 #include "support/acq_command_source.h"
 #include "support/acq_recording_sink.h"
 #include "support/rdv_test_encoder.h"
+#include "support/ws_test_client.h"
 
+#include <QDeadlineTimer>
 #include <QDir>
 #include <QTemporaryDir>
 #include <QUdpSocket>
@@ -113,10 +116,11 @@ private slots:
     void dumpCommands();
     void watchdogEndsBurst();
     void rawCapture();
+    void datagramsTakenDuringBroadcast();
 
 private:
     // A receiver bound on two free loopback ports.
-    KorbRdvStreamerUdp *makeReceiver(AcqTest::RecordingSink *sink, QObject *commands = nullptr);
+    KorbRdvStreamerUdp *makeReceiver(KorbRdvSink *sink, QObject *commands = nullptr);
     // Sends the plan's datagrams to a port and waits until the last one is taken.
     void send(KorbRdvStreamerUdp *rx, int port, const Plan &plan);
 
@@ -132,7 +136,7 @@ void TestKorbRdvUdpCli::initTestCase()
     QVERIFY(m_sender.bind(QHostAddress(QHostAddress::LocalHost), 0));
 }
 
-KorbRdvStreamerUdp *TestKorbRdvUdpCli::makeReceiver(AcqTest::RecordingSink *sink, QObject *commands)
+KorbRdvStreamerUdp *TestKorbRdvUdpCli::makeReceiver(KorbRdvSink *sink, QObject *commands)
 {
     auto *rx = new KorbRdvStreamerUdp(this, sink, commands, 0, 0);
     rx->setLocalAddress(QHostAddress::LocalHost);
@@ -326,6 +330,49 @@ void TestKorbRdvUdpCli::rawCapture()
     rx.reset();
     KorbRdvStreamerUdp::closeCaptureFile();
     QVERIFY(QDir::setCurrent(cwd));
+}
+
+// A broadcast of large packets to many clients goes on in slices while
+// datagrams keep coming: every datagram is taken, and every client ends with
+// the newest packet.
+void TestKorbRdvUdpCli::datagramsTakenDuringBroadcast()
+{
+    WebSocketServer server(nullptr, 0);
+    QVERIFY(RdvTest::startOnFreePort(server));
+    QObject clients;
+    for (int i = 0; i < 32; ++i) {
+        RdvTest::WsTestClient *c = RdvTest::connectClient(server, &clients);
+        QVERIFY(c);
+        c->keepBinaries = false;
+    }
+    QScopedPointer<KorbRdvStreamerUdp> rx(makeReceiver(&server));
+    QVERIFY(rx);
+    // Full-size frames of 16 groups, 100 ms apart: from the third datagram on,
+    // each completes a frame and the map goes out.
+    Plan p;
+    for (int i = 0; i < 40; ++i)
+        p.frame(ch(qint8(i % 16), 100 * i, 13000));
+    const auto take = [&](int from, int to) {
+        for (int i = from; i < to; ++i)
+            m_sender.writeDatagram(p.datagrams.at(i), QHostAddress::LocalHost, rx->port1());
+        QDeadlineTimer deadline(10000);
+        while (rx->lastSequence(0) != quint32(to) && !deadline.hasExpired())
+            QCoreApplication::processEvents();
+    };
+    const KorbRdvStreamerUdp::Counters before = KorbRdvStreamerUdp::counters();
+    take(0, 20);
+    QVERIFY(server.broadcastInProgress());
+    take(20, 40);
+    QCOMPARE(KorbRdvStreamerUdp::counters().udpOk - before.udpOk, 40);
+    QCOMPARE(KorbRdvStreamerUdp::counters().udpEr, before.udpEr);
+
+    // Frame 39 only opens; the latest completed frame of each group is sent.
+    QList<FrameSpec> latest;
+    for (int g = 0; g < 16; ++g)
+        latest << ch(qint8(g), 100 * (g + 16 * ((38 - g) / 16)), 13000);
+    const QByteArray expected = RdvTest::expectedChannelPacket(latest);
+    for (const auto *c : clients.findChildren<RdvTest::WsTestClient *>())
+        QTRY_COMPARE_WITH_TIMEOUT(c->lastBinary, expected, 10000);
 }
 
 QTEST_GUILESS_MAIN(TestKorbRdvUdpCli)

@@ -1,7 +1,9 @@
 // The WebSocket server with real clients on 127.0.0.1: start, client table,
-// text commands and replies, Rdv broadcasts, and a stalled client that must
+// text commands and replies, Rdv broadcasts, and the clients that read
+// slowly, not at all, or too many: they get fresh packets or none, and
 // neither grow the daemon's memory nor hold up the others.
 
+#include "src/korb_rdv_packet.h"
 #include "src/korb_rdv_settings.h"
 #include "src/korb_rdv_wsserver.h"
 #include "support/rdv_test_encoder.h"
@@ -10,6 +12,7 @@
 #include <QTcpSocket>
 #include <QtTest>
 
+#include <algorithm>
 #include <memory>
 
 using RdvTest::socketArg;
@@ -40,12 +43,43 @@ private slots:
     void incomingMessageCap_data();
     void incomingMessageCap();
     void stopClosesClients();
-    void stalledClientIsBoundedAndDoesNotDelayOthers();
+    void stalledClientGetsOnlyFreshPackets();
+    void unreadRepliesCloseWith1008();
+    void clientLimitRefusesWith1013();
+    void totalBoundCutsOffFurthestBehind();
 
 private:
     WsTestClient *connectClient() { return RdvTest::connectClient(*m_server, this); }
+    // A raw client that has stopped taking anything off the wire.
+    bool connectStalled(QTcpSocket &socket);
+    // Reads a raw client until the relay's close frame; its code, or -1.
+    static int closeCodeReadBy(QTcpSocket &socket);
     std::unique_ptr<WebSocketServer> m_server;
 };
+
+bool TestRdvWsServer::connectStalled(QTcpSocket &socket)
+{
+    const int before = m_server->clientCount();
+    if (!RdvTest::rawHandshake(socket, m_server->serverPort()))
+        return false;
+    socket.setReadBufferSize(1); // from now on it takes nothing off the wire
+    return QTest::qWaitFor([&] { return m_server->clientCount() == before + 1; }, 5000);
+}
+
+int TestRdvWsServer::closeCodeReadBy(QTcpSocket &socket)
+{
+    socket.setReadBufferSize(0);
+    QByteArray stream;
+    QList<RdvTest::WsFrame> frames;
+    const bool closed = QTest::qWaitFor(
+        [&] {
+            stream += socket.readAll();
+            frames += RdvTest::takeServerFrames(stream);
+            return !frames.isEmpty() && frames.last().opcode == 0x8;
+        },
+        10000);
+    return closed ? frames.last().closeCode() : -1;
+}
 
 void TestRdvWsServer::init()
 {
@@ -248,53 +282,142 @@ void TestRdvWsServer::stopClosesClients()
     QVERIFY(connectClient());
 }
 
-// A client that completes the handshake and never reads again: the server
-// stops queueing for it at the limit while the reading client keeps up.
-void TestRdvWsServer::stalledClientIsBoundedAndDoesNotDelayOthers()
+// A client that stops reading holds at most the packet being written in the
+// relay; what it gets after reading again is the newest packet, not a queue.
+void TestRdvWsServer::stalledClientGetsOnlyFreshPackets()
 {
     QSignalSpy connectedSpy(m_server.get(), &WebSocketServer::connected);
     QTcpSocket stalled;
-    stalled.setProxy(QNetworkProxy::NoProxy);
-    stalled.connectToHost(QHostAddress::LocalHost, m_server->serverPort());
-    QVERIFY(stalled.waitForConnected(5000));
-    stalled.write("GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
-                  "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n\r\n");
-    QTRY_VERIFY(stalled.peek(4096).contains("\r\n\r\n"));
-    QVERIFY(stalled.readAll().startsWith("HTTP/1.1 101"));
-    stalled.setReadBufferSize(1); // from now on it takes nothing off the wire
-    QTRY_COMPARE(m_server->clientCount(), 1);
-    auto *serverSide = socketArg(connectedSpy.at(0));
-
+    QVERIFY(connectStalled(stalled));
+    QWebSocket *serverSide = socketArg(connectedSpy.at(0));
     WsTestClient *reader = connectClient();
     QVERIFY(reader);
-    reader->keepBinaries = false; // count them, do not hold 40 MB
+    reader->keepBinaries = false;
     QSignalSpy received(&reader->socket(), &QWebSocket::binaryMessageReceived);
 
-    const QByteArray frame = RdvTest::encodeFrame(RdvTest::singleFrame(13000));
-    const int packetSize = 71 + 8 * 13000;
-    // Enough to fill generous loopback kernel buffers and then the limit twice over.
-    const int packets = int((3 * WebSocketServer::MaxClientBacklog + 16 * 1024 * 1024) / packetSize);
+    // Full-size packets, one second apart; enough to fill generous loopback
+    // kernel buffers several times over.
+    const auto packetAt = [](int i) { return RdvTest::singleFrame(13000, 1700000000 + quint32(i), 0); };
+    const int frameSize = Rdv::PacketHeaderSize + 8 * 13000 + Rdv::WsMaxHeaderSize;
+    const int packets = 300;
     qint64 maxBacklog = 0;
     for (int i = 1; i <= packets; ++i) {
-        m_server->sendRdv(asFrame(frame));
+        m_server->sendRdv(asFrame(RdvTest::encodeFrame(packetAt(i))));
         maxBacklog = qMax(maxBacklog, serverSide->bytesToWrite());
-        // Every packet reaches the reading client before the next is sent.
+        // The reading client keeps up and gets every packet.
         while (reader->binaryCount < i && received.wait(5000)) {
         }
         QCOMPARE(reader->binaryCount, i);
     }
-    QVERIFY2(maxBacklog <= WebSocketServer::MaxClientBacklog + packetSize + 64,
-             qPrintable(QStringLiteral("backlog grew to %1").arg(maxBacklog)));
-    QVERIFY2(m_server->backlogSkips() > 0, "the stalled client was never skipped");
-    QCOMPARE(reader->binaryBytes, qint64(packets) * packetSize);
+    QVERIFY2(maxBacklog <= frameSize, qPrintable(QStringLiteral("backlog grew to %1").arg(maxBacklog)));
+    QVERIFY(m_server->replacedPackets() > 0);
 
-    // Once it drains it receives packets again.
+    // Reading again, first only what the kernel holds, while the relay's
+    // event loop stands: a reply then finds room in the kernel but the rest
+    // of a packet still queued in the relay, and has to go behind it.
     stalled.setReadBufferSize(0);
-    QTRY_VERIFY_WITH_TIMEOUT((stalled.readAll(), serverSide->bytesToWrite() == 0), 10000);
-    const RdvTest::FrameSpec last = RdvTest::singleFrame(1, 1234, 5678);
-    m_server->sendRdv(asFrame(RdvTest::encodeFrame(last)));
-    QByteArray tail;
-    QTRY_VERIFY((tail += stalled.readAll(), tail.endsWith(RdvTest::expectedSinglePacket(last))));
+    QByteArray stream;
+    while (stalled.waitForReadyRead(50))
+        stream += stalled.readAll();
+    QVERIFY(serverSide->bytesToWrite() > 0);
+    QVERIFY(m_server->sendClient(quint64(quintptr(serverSide)), QStringLiteral("between")));
+    QTRY_VERIFY_WITH_TIMEOUT((stream += stalled.readAll(), serverSide->bytesToWrite() == 0), 10000);
+    m_server->sendRdv(asFrame(RdvTest::encodeFrame(packetAt(packets + 1))));
+    const QByteArray last = RdvTest::expectedSinglePacket(packetAt(packets + 1));
+    QTRY_VERIFY_WITH_TIMEOUT((stream += stalled.readAll(), stream.endsWith(last)), 10000);
+
+    // What the kernel held, in order; then the newest packet of the stall and the next one.
+    QList<double> times;
+    QStringList texts;
+    for (const RdvTest::WsFrame &f : RdvTest::takeServerFrames(stream)) {
+        if (f.opcode == 0x1)
+            texts << QString::fromUtf8(f.payload);
+        else
+            times << RdvTest::singlePacketTimeMs(f.payload);
+    }
+    QCOMPARE(texts, QStringList{QStringLiteral("between")});
+    QVERIFY(times.size() >= 3 && times.size() < packets);
+    QCOMPARE(times.last(), RdvTest::singlePacketTimeMs(last));
+    QCOMPARE(times.at(times.size() - 2),
+             RdvTest::singlePacketTimeMs(RdvTest::expectedSinglePacket(packetAt(packets))));
+    QVERIFY(std::is_sorted(times.cbegin(), times.cend()));
+    QCOMPARE(std::adjacent_find(times.cbegin(), times.cend()), times.cend());
+}
+
+// A client that sends commands and never reads the answers is closed with
+// 1008 once they pile up in the relay; another client keeps receiving.
+void TestRdvWsServer::unreadRepliesCloseWith1008()
+{
+    QSignalSpy connectedSpy(m_server.get(), &WebSocketServer::connected);
+    QSignalSpy commandSpy(m_server.get(), &WebSocketServer::readyRead);
+    QTcpSocket flooder;
+    QVERIFY(connectStalled(flooder));
+    QWebSocket *serverSide = socketArg(connectedSpy.at(0));
+    WsTestClient *reader = connectClient();
+    QVERIFY(reader);
+    // Each reply echoes the 60 KB command: the kernel's buffers fill, then the
+    // bound. One command at a time, each taken by the relay before the next,
+    // so that none is left unread when the relay closes.
+    const QByteArray command = RdvTest::clientFrame(0x1, "ims:" + QByteArray(60000, ' ') + "20");
+    for (int sent = 1; serverSide->bytesToWrite() <= WebSocketServer::MaxClientReplyBacklog; ++sent) {
+        QVERIFY(sent < 1000);
+        flooder.write(command);
+        QTRY_COMPARE(commandSpy.count(), sent);
+    }
+    QTRY_COMPARE(m_server->clientCount(), 1);
+
+    const RdvTest::FrameSpec single = RdvTest::singleFrame(100);
+    m_server->sendRdv(asFrame(RdvTest::encodeFrame(single)));
+    QTRY_COMPARE(reader->lastBinary, RdvTest::expectedSinglePacket(single));
+    QCOMPARE(closeCodeReadBy(flooder), int(QWebSocketProtocol::CloseCodePolicyViolated));
+}
+
+void TestRdvWsServer::clientLimitRefusesWith1013()
+{
+    m_server->setMaxClients(2);
+    WsTestClient *a = connectClient();
+    WsTestClient *b = connectClient();
+    QVERIFY(a && b);
+    // Read raw: Qt 5's own client takes 1013 for a protocol error.
+    QTcpSocket extra;
+    QVERIFY(RdvTest::rawHandshake(extra, m_server->serverPort())); // completes, then the relay closes
+    QCOMPARE(closeCodeReadBy(extra), int(WebSocketServer::CloseCodeTryAgainLater));
+    QCOMPARE(m_server->clientCount(), 2);
+    a->socket().close();
+    QTRY_COMPARE(m_server->clientCount(), 1);
+    QVERIFY(connectClient()); // a place freed is taken again
+}
+
+// Two clients stall one after the other; with the total bound below what
+// both hold, the one that stalled first is cut off and the other stays.
+void TestRdvWsServer::totalBoundCutsOffFurthestBehind()
+{
+    QSignalSpy connectedSpy(m_server.get(), &WebSocketServer::connected);
+    QSignalSpy disconnectedSpy(m_server.get(), &WebSocketServer::disconnected);
+    QTcpSocket first, second;
+    QVERIFY(connectStalled(first));
+    QVERIFY(RdvTest::rawHandshake(second, m_server->serverPort()));
+    QTRY_COMPARE(m_server->clientCount(), 2);
+    QWebSocket *firstSide = socketArg(connectedSpy.at(0));
+    QWebSocket *secondSide = socketArg(connectedSpy.at(1));
+    const QByteArray frame = RdvTest::encodeFrame(RdvTest::singleFrame(13000));
+    const auto sendUntilQueued = [&](QWebSocket *side) {
+        for (int i = 0; i < 1000 && side->bytesToWrite() == 0; ++i) {
+            m_server->sendRdv(asFrame(frame));
+            QCoreApplication::processEvents();
+            second.readAll();
+        }
+        return side->bytesToWrite() > 0;
+    };
+    QVERIFY(sendUntilQueued(firstSide));
+    second.setReadBufferSize(1);
+    QVERIFY(sendUntilQueued(secondSide));
+
+    m_server->setMaxQueuedBytes(firstSide->bytesToWrite() + secondSide->bytesToWrite() - 1);
+    m_server->sendRdv(asFrame(frame));
+    QTRY_COMPARE(m_server->clientCount(), 1);
+    QTRY_COMPARE(disconnectedSpy.count(), 1);
+    QCOMPARE(socketArg(disconnectedSpy.at(0)), firstSide);
 }
 
 void TestRdvWsServer::incomingMessageCap_data()

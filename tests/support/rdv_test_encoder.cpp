@@ -2,6 +2,7 @@
 
 #include <QBuffer>
 #include <QDataStream>
+#include <QtEndian>
 
 #include <cstring>
 
@@ -196,6 +197,11 @@ QByteArray expectedChannelPacket(const QList<FrameSpec> &frames)
     for (const FrameSpec &s : frames)
         out += expectedChannelBlock(s);
     return out;
+}
+
+double singlePacketTimeMs(const QByteArray &packet)
+{
+    return packet.size() < 39 ? -1 : qFromLittleEndian<double>(packet.constData() + 31);
 }
 
 } // namespace RdvTest

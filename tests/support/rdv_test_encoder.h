@@ -84,6 +84,9 @@ quint64 frameTimeMs(quint32 timeSec, quint32 timeSub);
 // Expected packet for a single frame: 71-byte header and, when magic, kind 2
 // and count allow, sampleCount x 8 payload bytes.
 QByteArray expectedSinglePacket(const FrameSpec &fs);
+// Time stamp field of a single-frame packet: the f64 after the 31 bytes of
+// words, bytes and integers before it.
+double singlePacketTimeMs(const QByteArray &packet);
 // One sub-block per frame (77-byte header, payload when magic, kind 1 and
 // count allow), in the order given: callers list groups in ascending order.
 QByteArray expectedChannelPacket(const QList<FrameSpec> &frames);

@@ -9,6 +9,7 @@
 #include <QStringList>
 #include <QWebSocket>
 
+class QTcpSocket;
 class WebSocketServer;
 
 namespace RdvTest {
@@ -23,6 +24,21 @@ WsTestClient *connectClient(WebSocketServer &server, QObject *parent);
 // The socket pointer a signal of the server carried (QSignalSpy arguments),
 // read without touching the object: it may already be deleted.
 QWebSocket *socketArg(const QList<QVariant> &args);
+
+// A plain TCP socket as a WebSocket client whose reading the test controls:
+// connects to 127.0.0.1:port and completes the handshake by hand.
+bool rawHandshake(QTcpSocket &socket, quint16 port);
+// A client frame (FIN, masked with a zero key) of the given opcode.
+QByteArray clientFrame(int opcode, const QByteArray &payload);
+struct WsFrame
+{
+    int opcode = 0;
+    QByteArray payload;
+    // The code of a close frame, else -1.
+    int closeCode() const;
+};
+// Takes the complete server frames off the front of `stream`.
+QList<WsFrame> takeServerFrames(QByteArray &stream);
 
 class WsTestClient : public QObject
 {
@@ -39,6 +55,7 @@ public:
     QWebSocket &socket() { return m_socket; }
     QStringList texts;
     QList<QByteArray> binaries; // filled while keepBinaries is set
+    QByteArray lastBinary;
     bool keepBinaries = true;
     int binaryCount = 0;
     qint64 binaryBytes = 0;

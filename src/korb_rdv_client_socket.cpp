@@ -1,0 +1,117 @@
+#include "src/korb_rdv_client_socket.h"
+
+#include <QDeadlineTimer>
+
+#include <sys/socket.h>
+
+KorbRdvClientSocket::KorbRdvClientSocket(QObject *parent, qint64 replyBound)
+    : QTcpSocket(parent), m_replyBound(replyBound)
+{
+    connect(this, &QIODevice::bytesWritten, this, &KorbRdvClientSocket::noteDrained);
+}
+
+bool KorbRdvClientSocket::writePacket(const QByteArray &frame)
+{
+    m_writingPacket = true;
+    const qint64 written = write(frame);
+    m_writingPacket = false;
+    return written == frame.size();
+}
+
+qint64 KorbRdvClientSocket::bytesToWrite() const
+{
+    return QTcpSocket::bytesToWrite() + m_gathered.size();
+}
+
+void KorbRdvClientSocket::disconnectFromHost()
+{
+    sendGathered();
+    QTcpSocket::disconnectFromHost();
+}
+
+qint64 KorbRdvClientSocket::writeData(const char *data, qint64 size)
+{
+    // Gathering is only for bytes that would go to the kernel at once; once
+    // something is queued, everything queues behind it.
+    if (!m_writingPacket && QTcpSocket::bytesToWrite() == 0 && state() == ConnectedState) {
+        gather(data, size);
+        return size;
+    }
+    sendGathered();
+    return writeThrough(data, size, m_writingPacket);
+}
+
+void KorbRdvClientSocket::gather(const char *data, qint64 size)
+{
+    noteWaiting();
+    m_gathered.append(data, int(size));
+    if (!m_sendQueued) {
+        m_sendQueued = true;
+        QMetaObject::invokeMethod(this, &KorbRdvClientSocket::sendGatheredAtTurnEnd, Qt::QueuedConnection);
+    }
+}
+
+void KorbRdvClientSocket::sendGatheredAtTurnEnd()
+{
+    m_sendQueued = false;
+    sendGathered();
+    noteDrained();
+}
+
+void KorbRdvClientSocket::sendGathered()
+{
+    if (m_gathered.isEmpty())
+        return;
+    const QByteArray gathered = m_gathered;
+    m_gathered.clear();
+    writeThrough(gathered.constData(), gathered.size(), false);
+}
+
+qint64 KorbRdvClientSocket::writeThrough(const char *data, qint64 size, bool packet)
+{
+    qint64 sent = 0;
+    if (QTcpSocket::bytesToWrite() == 0 && state() == ConnectedState) {
+        sent = sendToKernel(data, size);
+        if (sent > 0)
+            emit bytesWritten(sent);
+        if (sent == size)
+            return size;
+    }
+    // The rest queues behind whatever waits already, copied once into the
+    // socket's buffer; the write notification sends it.
+    noteWaiting();
+    if (!packet) {
+        m_replyBacklog += size - sent;
+        if (m_replyBacklog > m_replyBound && !m_overBound) {
+            m_overBound = true;
+            emit replyBoundExceeded();
+        }
+    }
+    const qint64 queued = QTcpSocket::writeData(data + sent, size - sent);
+    if (queued < 0)
+        return sent > 0 ? sent : queued;
+    return sent + queued;
+}
+
+qint64 KorbRdvClientSocket::sendToKernel(const char *data, qint64 size)
+{
+    // Never blocks, never raises SIGPIPE; a real error is left for the
+    // socket's own write, which reports it through the usual signals.
+    const ssize_t n = ::send(int(socketDescriptor()), data, size_t(size), MSG_DONTWAIT | MSG_NOSIGNAL);
+    return n > 0 ? qint64(n) : 0;
+}
+
+void KorbRdvClientSocket::noteWaiting()
+{
+    if (m_behindSince < 0)
+        m_behindSince = QDeadlineTimer::current().deadlineNSecs();
+}
+
+void KorbRdvClientSocket::noteDrained()
+{
+    if (m_behindSince < 0 || bytesToWrite() > 0)
+        return;
+    m_behindSince = -1;
+    m_replyBacklog = 0;
+    emit drained();
+}

@@ -71,7 +71,7 @@ bool WebSocketServer::start(quint16 port)
         return true;
     if (port)
         m_port = port;
-    if (!m_listener->listen(QHostAddress::Any, m_port))
+    if (!listen(QHostAddress::Any, m_port))
         return false;
     QCoreApplication::processEvents(QEventLoop::ExcludeUserInputEvents);
     return true;
@@ -91,6 +91,11 @@ void WebSocketServer::stop()
 quint16 WebSocketServer::port() const
 {
     return m_port;
+}
+
+bool WebSocketServer::listen(const QHostAddress &address, quint16 port)
+{
+    return m_listener->listen(address, port);
 }
 
 bool WebSocketServer::isListening() const

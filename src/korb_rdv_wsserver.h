@@ -68,7 +68,9 @@ public:
     void stop();
     quint16 port() const;
     // The listener's state: the relay listens through its own TCP server,
-    // not through the one QWebSocketServer keeps.
+    // not through the one QWebSocketServer keeps, whose clients would bypass
+    // the relay's client policy; so listen() is the relay's own too.
+    bool listen(const QHostAddress &address = QHostAddress::Any, quint16 port = 0);
     bool isListening() const;
     quint16 serverPort() const;
     void close();

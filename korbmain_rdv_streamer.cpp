@@ -11,10 +11,8 @@
 #include <QDir>
 #include <QPointer>
 #include <QTextCodec>
-#include <QTimer>
 
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
 #include <unistd.h>
 
@@ -60,7 +58,11 @@ void sig_handler(int sig)
     }
     // That work allocates and takes locks; should the signal have interrupted
     // code holding one of them (the allocator, Qt internals), it would wait
-    // forever. The alarm then ends the process with the same status.
+    // forever. The alarm then ends the process with the same status. Should
+    // it instead find the allocator's state broken, it aborts or faults: that
+    // second signal ends the process at once with the first one's status.
+    if (g_exitStatus != 0)
+        ::_exit(g_exitStatus);
     g_exitStatus = sig;
     std::signal(SIGALRM, forced_exit);
     ::alarm(ForcedExitSeconds);
@@ -70,7 +72,6 @@ void sig_handler(int sig)
         if (auto *server = app->findChild<KorbRdvStreamer *>(QStringLiteral("server"))) {
             Korb::lastHandledSignal = sig;
             QMetaObject::invokeMethod(server, "halt", Qt::AutoConnection);
-            QTimer::singleShot(10, server, &QObject::deleteLater);
         }
     }
     // _exit, not exit: the signal may have interrupted library code that
@@ -95,14 +96,6 @@ QString instanceName(int argc, char **argv)
     return name.isEmpty() ? QString::fromLatin1(KorbRdvStreamer::DefaultInstanceName) : name;
 }
 
-// Runs when the streamer is destroyed. Not a member of the streamer: by the
-// time destroyed() is emitted the object is no longer a KorbRdvStreamer.
-void qExit(QObject *)
-{
-    if (Korb::lastHandledSignal != 0)
-        ::exit(Korb::lastHandledSignal);
-}
-
 } // namespace
 
 class KorbService : public KorbServiceApp<QCoreApplication>
@@ -122,8 +115,12 @@ protected:
     {
         QCoreApplication *app = application();
         app->setObjectName(fixedName);
-        QDir::setCurrent(QCoreApplication::applicationDirPath());
+        // Relative paths are taken from the application directory, made
+        // current here; helper programs and libraries kept beside the
+        // application are found first.
         Korb::setAppDir(QCoreApplication::applicationDirPath());
+        Korb::changeWorkDir(QString());
+        Korb::setAppPath();
 
         QCoreApplication::addLibraryPath(Korb::getAbsPath(QString::fromLatin1(Korb::PluginDir)));
         QStringList found;
@@ -141,7 +138,6 @@ protected:
             QCoreApplication::arguments().join(QLatin1Char(' ')).indexOf(QLatin1String("-cmd")) > 0;
 
         server = new KorbRdvStreamer(app, true, QStringList(), serviceName());
-        QObject::connect(server, &QObject::destroyed, qExit);
         QObject::connect(server, &KorbRdvStreamer::finished, app, &QCoreApplication::quit);
 
         if (server->serviceFlag() > 0)

@@ -62,6 +62,12 @@ QString cpuFlag(bool on)
     return on ? QObject::tr("Да") : QObject::tr("Нет");
 }
 
+// The separator line of the stop sequence and of the configuration reading.
+QString separator(char fill)
+{
+    return QString().leftJustified(133, QLatin1Char(fill));
+}
+
 } // namespace
 
 KorbRdvStreamer::KorbRdvStreamer(QObject *parent, bool underService, const QStringList &arguments,
@@ -404,22 +410,22 @@ void KorbRdvStreamer::pause()
     QFile::remove(pidFilePath());
 }
 
-void KorbRdvStreamer::logSeparator(QChar fill)
+void KorbRdvStreamer::stopSequence(const char *function, const QString &firstText)
 {
-    KLOG(this, 1, QString().leftJustified(133, fill));
-}
-
-void KorbRdvStreamer::stopSequence(const QString &firstText)
-{
-    logSeparator(QLatin1Char('-'));
-    KLOG(this, 1, firstText);
+    // The lines are those of halt() or end(), and name it.
+    const auto say = [this, function](const QString &text) {
+        if (Korb::logAdmits(1))
+            Korb::log(this, __FILE__, __LINE__, function, text, 1, false);
+    };
+    say(separator('-'));
+    say(firstText);
     KorbLoggerLight *logger = KorbLoggerLight::instance();
     if (logger->hasAccumulated()) {
-        KLOG(this, 1, tr("сбросить в лог накопившиеся сообщения"));
-        logSeparator(QLatin1Char('-'));
+        say(tr("сбросить в лог накопившиеся сообщения"));
+        say(separator('-'));
         logger->flushAccumulated();
-        logSeparator(QLatin1Char('-'));
-        KLOG(this, 1, tr("фильтр сообщений сброшен"));
+        say(separator('-'));
+        say(tr("фильтр сообщений сброшен"));
     }
     logger->resetFilter();
     // A timer of an object being destroyed never fires and would be left
@@ -431,13 +437,13 @@ void KorbRdvStreamer::stopSequence(const QString &firstText)
 void KorbRdvStreamer::halt()
 {
     (void)children(); // a snapshot taken and left alone
-    stopSequence(tr("приступил к останову приложения"));
+    stopSequence(__func__, tr("приступил к останову приложения"));
     KLOG(this, 1, tr("к останову приложения готов"));
 }
 
 void KorbRdvStreamer::end()
 {
-    stopSequence(tr("приступил к останову постов"));
+    stopSequence(__func__, tr("приступил к останову постов"));
     KLOG(this, -1, QString(54, QLatin1Char('#')));
     QTimer::singleShot(StopStepMs, this, &KorbRdvStreamer::final);
     KLOG(this, 1, tr("завершения работы постов окончено"));
@@ -485,7 +491,7 @@ void KorbRdvStreamer::iniR(const QString &path)
     if (!Korb::setCurrentDir(etc))
         return;
     KorbLoggerLight::instance()->resetFilter();
-    logSeparator(QLatin1Char('~'));
+    KLOG(this, 1, separator('~'));
     KLOG(this, 1,
          path.isEmpty() ? tr("считываются локальные ip-адреса и файл конфигурации")
                         : tr("конфигурационный файл был изменен"));
@@ -520,5 +526,5 @@ void KorbRdvStreamer::iniR(const QString &path)
         connect(m_watcher, &QFileSystemWatcher::fileChanged, this, &KorbRdvStreamer::iniR);
     }
     Korb::setCurrentDir(Korb::appDir());
-    logSeparator(QLatin1Char('~'));
+    KLOG(this, 1, separator('~'));
 }

@@ -87,8 +87,8 @@ public slots:
 private:
     void parseArguments(const QStringList &arguments);
     bool takeInstanceLock();
-    void logSeparator(QChar fill);
-    void stopSequence(const QString &firstText);
+    // The common part of halt() and end(), logged in the name of `function`.
+    void stopSequence(const char *function, const QString &firstText);
     void writeBanner();
     bool writePidFile();
     void createTcpClient();

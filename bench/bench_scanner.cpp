@@ -87,19 +87,19 @@ struct Result
     int scanPos = 0;
 };
 
-Result runCalcBuff(KorbRdvScanner &scanner, const QByteArray &image, KorbRdvScanner::Search how)
+// The whole image written through the scanner's window and scanned in one go.
+Result runCalcBuff(const QByteArray &image, KorbRdvScanner::Search how)
 {
     Result r;
     for (int round = 0; round < Rounds; ++round) {
         CountingSink sink;
-        scanner.setSink(&sink);
+        KorbRdvScanner scanner(&sink);
         scanner.setSearch(how);
         scanner.resetBuffer(BufferSize);
-        std::memcpy(scanner.charBuff(), image.constData(), size_t(BufferSize));
-        scanner.setFillEnd(BufferSize);
+        std::memcpy(scanner.reserve(BufferSize), image.constData(), size_t(BufferSize));
         QElapsedTimer t;
         t.start();
-        scanner.calcBuff(false);
+        scanner.commit(BufferSize, false);
         const qint64 ns = t.nsecsElapsed();
         if (r.bestNs == 0 || ns < r.bestNs)
             r.bestNs = ns;
@@ -107,7 +107,6 @@ Result runCalcBuff(KorbRdvScanner &scanner, const QByteArray &image, KorbRdvScan
         r.maps = sink.maps;
         r.scanPos = scanner.scanPos();
     }
-    scanner.setSink(nullptr);
     return r;
 }
 
@@ -139,10 +138,9 @@ bool measure(const char *title, bool dense)
     std::printf("%s: %d bytes, %ld frames, %ld garbage bytes (%.1f%%)\n", title, BufferSize, l.frames,
                 l.garbageBytes, 100.0 * double(l.garbageBytes) / BufferSize);
 
-    KorbRdvScanner scanner;
-    const Result byteScan = runCalcBuff(scanner, image, KorbRdvScanner::Search::Bytewise);
-    const Result memScan = runCalcBuff(scanner, image, KorbRdvScanner::Search::Memchr);
-    const Result simdScan = runCalcBuff(scanner, image, KorbRdvScanner::Search::Simd);
+    const Result byteScan = runCalcBuff(image, KorbRdvScanner::Search::Bytewise);
+    const Result memScan = runCalcBuff(image, KorbRdvScanner::Search::Memchr);
+    const Result simdScan = runCalcBuff(image, KorbRdvScanner::Search::Simd);
     std::printf(
         "  calcBuff byte-by-byte:      %8.1f MB/s  (%ld single, %ld map hand-offs, scan position %d)\n",
         mbPerSec(byteScan.bestNs), byteScan.singles, byteScan.maps, byteScan.scanPos);

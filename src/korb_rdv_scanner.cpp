@@ -25,7 +25,10 @@ void KorbRdvScanner::FreeDeleter::operator()(char *p) const
     std::free(p);
 }
 
-KorbRdvScanner::KorbRdvScanner(KorbRdvSink *sink) : m_sink(sink), m_sendIntervalMs(Korb::sendIntervalMs) {}
+KorbRdvScanner::KorbRdvScanner(KorbRdvSink *sink, Pacing pacing)
+    : m_sink(sink), m_pacing(pacing), m_sendIntervalMs(Korb::sendIntervalMs)
+{
+}
 
 KorbRdvScanner::~KorbRdvScanner() = default;
 
@@ -41,7 +44,7 @@ bool KorbRdvScanner::resetBuffer(int size)
     m_fillEnd = 0;
     m_scanPos = 0;
     m_frameSize = 0;
-    m_lastSentMs = 0;
+    m_lastSentMs = m_lastSingleSentMs = 0;
     m_map.clear();
     m_throughput.start();
     return m_charBuff != nullptr;
@@ -106,47 +109,60 @@ int KorbRdvScanner::findHeader(const char *buf, int from, int last, Search how)
     return -1;
 }
 
-void KorbRdvScanner::noteFrame(const char *frame)
+bool KorbRdvScanner::accept(const char *frame, const char *kind1OfThisScan)
 {
+    const quint64 ms = Rdv::timeMs(frame);
     m_frameSize = Rdv::frameLength(frame);
     m_lastFrameTime = quint64(Rdv::secondsSince2000(frame));
     m_lastKind = Rdv::kind(frame);
-    if (m_lastSentMs == 0)
-        m_lastSentMs = qint64(Rdv::timeMs(frame));
-}
+    const bool single = m_lastKind == 2 && !kind1OfThisScan;
+    // A recording mixes single frames and channel groups at the same times:
+    // each kind is paced on its own there, so neither starves the other.
+    qint64 &lastSent = single && m_pacing == Pacing::Playback ? m_lastSingleSentMs : m_lastSentMs;
+    const bool fresh = lastSent == 0; // nothing gated since the reset
+    if (fresh && m_pacing != Pacing::Playback)
+        lastSent = qint64(ms); // live data: the first frame only starts the clock
 
-bool KorbRdvScanner::clientsPresent() const
-{
-    return m_sink && m_sink->clientCount() > 0;
-}
-
-bool KorbRdvScanner::gate(quint64 ms)
-{
-    // Unsigned on purpose: a frame older than the last sent one yields a huge
-    // difference and passes, so a restarted device is not muted.
-    if (ms - quint64(m_lastSentMs) > m_sendIntervalMs) {
-        m_lastSentMs = qint64(ms);
-        return true;
+    const bool listened = m_sink && m_sink->clientCount() > 0;
+    // A kind-2 frame behind kind-1 frames of the same scan re-files the
+    // latest kind-1 frame under the kind-2 group slot (0xFF, key -1) and
+    // gates the map, not the kind-2 frame.
+    const char *const gated = m_lastKind == 2 && kind1OfThisScan ? kind1OfThisScan : frame;
+    if (!single && (listened || m_pacing == Pacing::Datagrams)) {
+        const qint8 key = m_lastKind == 2 ? qint8(-1) : Rdv::group(frame);
+        m_map.insert(key, reinterpret_cast<RdvChannelFrame *>(const_cast<char *>(gated)));
     }
-    return false;
+    if (!listened)
+        return false;
+
+    // The rate gate compares frame times, not the clock. Unsigned on purpose:
+    // a frame older than the last sent one yields a huge difference and
+    // passes, so a restarted device is not muted.
+    const quint64 gatedMs = gated == frame ? ms : Rdv::timeMs(gated);
+    const quint64 since = gatedMs - quint64(lastSent);
+    const bool open =
+        m_pacing == Pacing::Playback ? fresh || since >= m_sendIntervalMs : since > m_sendIntervalMs;
+    if (!open)
+        return false;
+    lastSent = qint64(gatedMs);
+    if (single)
+        m_sink->sendRdv(reinterpret_cast<const RdvFrame *>(frame));
+    else
+        m_sink->sendRdv(m_map);
+    return true;
 }
 
 void KorbRdvScanner::calcBuff(bool verbose)
 {
-    // The diagnostic names this function, whichever helper prints it.
-    static const char *const self = Q_FUNC_INFO;
     char *const buf = m_charBuff.get();
     if (!buf)
         return;
     int pos = m_scanPos;
     int end = m_fillEnd;
-    if (pos >= end)
-        return;
-    char *kind1 = nullptr; // the latest kind-1 frame accepted in this call
-
-    for (;;) {
-        // A candidate needs pos < end and frameSize bytes (the last accepted
-        // frame's length, not its own) before the fill end.
+    const char *kind1 = nullptr; // the latest kind-1 frame accepted in this call
+    while (pos < end) {
+        // A candidate needs frameSize bytes (the last accepted frame's
+        // length, not its own) before the fill end.
         const qint64 last = qMin(qint64(end) - m_frameSize, qint64(end) - 1);
         if (pos > last)
             return;
@@ -154,52 +170,17 @@ void KorbRdvScanner::calcBuff(bool verbose)
         if (pos < 0)
             return;
         m_scanPos = pos; // the next call starts at this frame again
-        char *const f = buf + pos;
-
-        switch (Rdv::kind(f)) {
-        case 2:
-            noteFrame(f);
-            if (verbose)
-                describe(f, self, __LINE__);
-            pos += m_frameSize + 1;
-            if (clientsPresent()) {
-                if (kind1) {
-                    // A kind-2 frame after kind-1 frames of the same read
-                    // re-files the kind-1 frame under the kind-2 group slot
-                    // (0xFF) and gates the map, not the kind-2 frame.
-                    m_map.insert(-1, reinterpret_cast<RdvChannelFrame *>(kind1));
-                    if (gate(Rdv::timeMs(kind1)))
-                        m_sink->sendRdv(m_map);
-                } else if (gate(Rdv::timeMs(f))) {
-                    m_sink->sendRdv(reinterpret_cast<const RdvFrame *>(f));
-                }
-            }
-            break;
-        case 1:
-            noteFrame(f);
-            if (verbose)
-                describe(f, self, __LINE__);
-            pos += m_frameSize + 1;
+        const char *const f = buf + pos;
+        const bool channel = Rdv::kind(f) == 1;
+        accept(f, channel ? nullptr : kind1);
+        if (channel)
             kind1 = f;
-            if (clientsPresent()) {
-                m_map.insert(Rdv::group(f), reinterpret_cast<RdvChannelFrame *>(f));
-                if (gate(Rdv::timeMs(f)))
-                    m_sink->sendRdv(m_map);
-            }
-            break;
-        default:
-            // The header test admits only kinds 1 and 2; kept as a guard.
-            Korb::trace(__FILE__, __LINE__, self) << "##################### warn" << int(Rdv::kind(f));
-            break;
-        }
-
-        // Together with the +1 above, the two bytes after a frame are
-        // skipped unseen.
+        if (verbose)
+            describe(f, Q_FUNC_INFO, __LINE__);
         verbose = false;
+        // The two bytes after a frame are skipped unseen.
+        pos += m_frameSize + 2;
         end = m_fillEnd;
-        ++pos;
-        if (pos >= end)
-            return;
     }
 }
 
@@ -227,18 +208,33 @@ void KorbRdvScanner::restartFill()
     m_scanPos = 0;
 }
 
-int KorbRdvScanner::append(const char *data, int len)
+char *KorbRdvScanner::reserve(int n)
 {
-    if (!m_charBuff || len < 0 || len > m_charBuffSize)
-        return -1;
-    if (qint64(m_fillEnd) + len > m_charBuffSize)
+    if (!m_charBuff || n < 0 || n > m_charBuffSize)
+        return nullptr;
+    if (qint64(m_fillEnd) + n > m_charBuffSize)
         restartFill();
-    const int at = m_fillEnd;
-    std::memcpy(m_charBuff.get() + at, data, size_t(len));
+    return m_charBuff.get() + m_fillEnd;
+}
+
+void KorbRdvScanner::commit(int n, bool verbose)
+{
+    if (!m_charBuff || n < 0 || qint64(m_fillEnd) + n > m_charBuffSize)
+        return;
+    m_fillEnd += n;
+    calcBuff(verbose);
+}
+
+bool KorbRdvScanner::append(const char *data, int len)
+{
+    char *const at = reserve(len);
+    if (!at)
+        return false;
+    std::memcpy(at, data, size_t(len));
     m_fillEnd += len;
     if (m_fillEnd < m_charBuffSize)
         m_charBuff[m_fillEnd] = 0;
-    return at;
+    return true;
 }
 
 void KorbRdvScanner::writeBuf(QIODevice *out) const

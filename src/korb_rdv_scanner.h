@@ -11,10 +11,12 @@
 class KorbRdvSink;
 class QIODevice;
 
-// The frame scanner shared by every live data source: the character buffer
-// the source fills, the search for device frames in it, and the rate gate
-// that decides which frames reach the sink. It owns no socket and no timer,
-// so it can be driven directly by whoever fills the buffer.
+// The road every device frame takes, whatever its source: the character
+// buffer a stream source writes into and the search for frames in it, and
+// the one accept step that every source hands its frames to. That step keeps
+// the channel map, applies the rate gate and hands the frame or the map to
+// the sink. The scanner owns no socket and no timer, so whoever has bytes or
+// frames drives it directly.
 class KorbRdvScanner
 {
     Q_DISABLE_COPY(KorbRdvScanner)
@@ -34,13 +36,27 @@ public:
     // offsets at once (memchr where SSE2 is missing) and is the default.
     enum class Search { Bytewise, Memchr, Simd };
 
-    explicit KorbRdvScanner(KorbRdvSink *sink = nullptr);
+    // How a source's frames pass the gate; each source sets its own.
+    enum class Pacing {
+        // Live bytes: the first frame after a reset only starts the clock, a
+        // frame passes strictly more than the send interval after the last
+        // one sent, and the map changes only while clients listen.
+        Stream,
+        // Live datagrams: as Stream, but every completed frame enters the map,
+        // listened to or not.
+        Datagrams,
+        // A recorded file: the first frame after a reset passes, and a frame
+        // passes at least one send interval after the last one of its kind
+        // sent, so that frames spaced at the interval all go out.
+        Playback
+    };
+
+    explicit KorbRdvScanner(KorbRdvSink *sink = nullptr, Pacing pacing = Pacing::Stream);
     ~KorbRdvScanner();
 
-    KorbRdvSink *sink() const { return m_sink; }
-    void setSink(KorbRdvSink *sink) { m_sink = sink; }
-    Search search() const { return m_search; }
     void setSearch(Search s) { m_search = s; }
+    // The send interval of the gate (the sources' runCmd(quint16)).
+    void setSendIntervalMs(quint16 ms) { m_sendIntervalMs = ms; }
 
     // Allocates a zero-filled buffer of `size` bytes (0 releases it; a size
     // below 1 or above MaxBufferSize leaves no buffer) and resets the scan
@@ -49,46 +65,36 @@ public:
     // buffer now exists.
     bool resetBuffer(int size);
 
-    char *charBuff() const { return m_charBuff.get(); }
+    bool hasBuffer() const { return m_charBuff != nullptr; }
     int charBuffSize() const { return m_charBuffSize; }
     int fillEnd() const { return m_fillEnd; }
-    void setFillEnd(int end) { m_fillEnd = end; }
     int scanPos() const { return m_scanPos; }
-    void setScanPos(int pos) { m_scanPos = pos; }
     int frameSize() const { return m_frameSize; }
-    void setFrameSize(int size) { m_frameSize = size; }
     quint64 lastFrameTime() const { return m_lastFrameTime; }
     quint8 lastKind() const { return m_lastKind; }
     quint16 sendIntervalMs() const { return m_sendIntervalMs; }
-    void setSendIntervalMs(quint16 ms) { m_sendIntervalMs = ms; }
     qint64 lastSentMs() const { return m_lastSentMs; }
-    RdvChannelMap &map() { return m_map; }
-    const RdvChannelMap &map() const { return m_map; }
-    QElapsedTimer &throughputClock() { return m_throughput; }
 
-    // Scans from the scan position to the fill end, accepts frames and
-    // hands them to the sink through the rate gate. With `verbose` the
-    // first frame accepted in this call is described on the console.
-    void calcBuff(bool verbose);
+    // The write window of a stream source: where `n` bytes go at the fill
+    // end, the fill first starting again at 0 (with the throughput report)
+    // when they would not fit; null without a buffer or for more than it holds.
+    char *reserve(int n);
+    // `n` bytes have been written into the window: the fill end moves on and
+    // the data is scanned; with `verbose` the first frame accepted in this
+    // scan is described on the console.
+    void commit(int n, bool verbose);
+    // Copies a completed frame behind the fill end (through the window) and
+    // marks the new fill end with a zero byte when there is room; false
+    // without a buffer or room.
+    bool append(const char *data, int len);
 
-    // Bookkeeping for an accepted frame: frameSize, last frame time and
-    // kind, and the first frame's time as the last sent time (so the very
-    // first frame is never sent).
-    void noteFrame(const char *frame);
-    // Whether the sink has at least one client.
-    bool clientsPresent() const;
-    // The rate gate: opens when `ms` lies strictly more than the send
-    // interval after the last sent time, compared as an unsigned 64-bit
-    // difference, and then takes `ms` as the last sent time.
-    bool gate(quint64 ms);
-
-    // Reports the throughput since the last restart, marks the fill end
-    // with a zero byte and starts filling at 0 again.
-    void restartFill();
-    // Copies `len` bytes behind the fill end, restarting the fill first when
-    // they would not fit; marks the new fill end with a zero byte when there
-    // is room. Returns the copy's position, or -1 without buffer or room.
-    int append(const char *data, int len);
+    // The accept step: bookkeeping of an accepted frame, the channel map,
+    // the rate gate and the hand-off to the sink, for every source. The frame
+    // stays where the source keeps it and must live until that memory is
+    // reused. `kind1OfThisScan` is given only by the scan: the latest kind-1
+    // frame accepted before a kind-2 frame in the same call. True when the
+    // sink was handed the frame or the map.
+    bool accept(const char *frame, const char *kind1OfThisScan = nullptr);
 
     // The whole buffer in ring order: from the first valid header after the
     // fill end to the buffer's end, then from the start to the fill end.
@@ -103,9 +109,14 @@ public:
     static int findHeader(const char *buf, int from, int last, Search how);
 
 private:
+    // Scans from the scan position to the fill end and accepts the frames.
+    void calcBuff(bool verbose);
+    void restartFill();
+    // The diagnostic names the scan, whichever helper prints it.
     void describe(const char *frame, const char *function, int line) const;
 
-    KorbRdvSink *m_sink = nullptr;
+    KorbRdvSink *const m_sink;
+    const Pacing m_pacing;
     // calloc'ed: a fresh buffer costs no page touching until it is filled.
     struct FreeDeleter
     {
@@ -120,6 +131,7 @@ private:
     quint8 m_lastKind = 0;
     quint16 m_sendIntervalMs;
     qint64 m_lastSentMs = 0;
+    qint64 m_lastSingleSentMs = 0; // playback: single frames are gated apart
     RdvChannelMap m_map;
     QElapsedTimer m_throughput;
     Search m_search = Search::Simd;

@@ -9,8 +9,9 @@
 
 #include <sys/socket.h>
 
-KorbRdvSource::KorbRdvSource(QObject *parent, KorbRdvSink *sink, QObject *commandSource, int watchdogMs)
-    : QObject(parent), m_scan(sink), m_watchdogMs(watchdogMs)
+KorbRdvSource::KorbRdvSource(QObject *parent, KorbRdvSink *sink, QObject *commandSource, int watchdogMs,
+                             KorbRdvScanner::Pacing pacing)
+    : QObject(parent), m_scan(sink, pacing), m_watchdogMs(watchdogMs)
 {
     if (commandSource) {
         connect(commandSource, SIGNAL(runCmd(quint16)), this, SLOT(runCmd(quint16)));
@@ -48,12 +49,17 @@ void KorbRdvSource::runCmd(quint16 ms)
 void KorbRdvSource::runCmd(const QString &cmd)
 {
     KLOGF(this, 2, QStringLiteral("runCmd %1").arg(cmd));
-    if (!receiving() || !m_scan.charBuff())
+    if (!receiving() || !m_scan.hasBuffer())
         return;
     const QString c = cmd.trimmed();
     const bool buf = c == QLatin1String("buf");
     if (!buf && c != QLatin1String("csv"))
         return;
+    if (m_lastDump.isValid() && m_lastDump.elapsed() < DumpIntervalMs) {
+        KLOGF(this, 1, tr("дамп \"%1\" не записан: не чаще одного за %2 мс").arg(c).arg(DumpIntervalMs));
+        return;
+    }
+    m_lastDump.start();
     m_file.setFileName(makeDumpFileName(buf ? QString() : QStringLiteral("csv")));
     m_file.open(QIODevice::WriteOnly);
     KLOG(this, 2, QStringLiteral("m_file.open %1").arg(m_file.fileName()));
@@ -90,16 +96,16 @@ int KorbRdvSource::requestReceiveBuffer(qintptr descriptor)
 
 bool KorbRdvSource::ensureBuffer()
 {
-    if (m_scan.charBuff())
+    if (m_scan.hasBuffer())
         return false;
     return m_scan.resetBuffer(m_bufferCapacity);
 }
 
-void KorbRdvSource::restartWatchdog()
+void KorbRdvSource::noteData()
 {
-    if (m_watchdogId)
-        killTimer(m_watchdogId);
-    m_watchdogId = startTimer(m_watchdogMs);
+    m_lastData.start();
+    if (!m_watchdogId && m_watchdogMs > 0)
+        m_watchdogId = startTimer(m_watchdogMs);
 }
 
 void KorbRdvSource::stopWatchdog()
@@ -113,6 +119,13 @@ void KorbRdvSource::timerEvent(QTimerEvent *event)
 {
     if (m_watchdogId == 0 || event->timerId() != m_watchdogId) {
         QObject::timerEvent(event);
+        return;
+    }
+    const qint64 quiet = m_lastData.elapsed();
+    if (quiet < m_watchdogMs) {
+        // Data came after the timer was armed: wait for the rest of the silence.
+        killTimer(m_watchdogId);
+        m_watchdogId = startTimer(int(m_watchdogMs - quiet));
         return;
     }
     if (m_file.isOpen()) {

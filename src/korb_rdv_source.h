@@ -2,6 +2,7 @@
 
 #include "src/korb_rdv_scanner.h"
 
+#include <QElapsedTimer>
 #include <QFile>
 #include <QObject>
 #include <QString>
@@ -21,6 +22,10 @@ public:
     // Kernel receive buffer asked for on the device's sockets: a burst of
     // full-size frames must fit while the event loop is busy elsewhere.
     static constexpr int SocketReceiveBufferSize = 8 * 1024 * 1024;
+    // A dump writes up to the whole 64 MiB buffer synchronously, in the event
+    // loop: one per this interval and source, so that a client repeating the
+    // command cannot hold the relay or fill the disk at the rate it types.
+    static constexpr int DumpIntervalMs = 5000;
 
     ~KorbRdvSource() override;
 
@@ -34,7 +39,6 @@ public:
 
     // Serial number the next dump file name will carry.
     int fileCounter() const { return m_fileCounter; }
-    bool watchdogActive() const { return m_watchdogId != 0; }
 
     // Directory of the dump files: "../tmp" beside the application.
     static QString dumpDir();
@@ -46,15 +50,16 @@ public slots:
     // New send interval of the rate gate.
     void runCmd(quint16 ms);
     // "buf": the whole buffer in ring order to a ".rdv" file; "csv": the
-    // oldest frame in the ring as a table. Ignored without a buffer or while
-    // the source is not receiving.
+    // oldest frame in the ring as a table. Ignored without a buffer, while
+    // the source is not receiving, and within DumpIntervalMs of the last dump.
     void runCmd(const QString &cmd);
 
 protected:
     // The command source's runCmd signals are connected by name when it is
     // given, so that anything declaring them (the WebSocket server, a test
-    // double) can drive the source.
-    KorbRdvSource(QObject *parent, KorbRdvSink *sink, QObject *commandSource, int watchdogMs);
+    // double) can drive the source. A watchdog of 0 ms is none.
+    KorbRdvSource(QObject *parent, KorbRdvSink *sink, QObject *commandSource, int watchdogMs,
+                  KorbRdvScanner::Pacing pacing);
 
     // Whether the source's sockets are up, so a recording makes sense.
     virtual bool receiving() const = 0;
@@ -69,8 +74,9 @@ protected:
     // size granted; the first shortfall of the source is logged as a warning
     // that names the net.core.rmem_max needed.
     int requestReceiveBuffer(qintptr descriptor);
-    // (Re)starts the silence watchdog.
-    void restartWatchdog();
+    // Data has arrived: the silence watchdog counts from now. One timer
+    // serves a whole burst; it is armed again only when it fires early.
+    void noteData();
     void stopWatchdog();
     void timerEvent(QTimerEvent *event) override;
 
@@ -80,6 +86,8 @@ protected:
 private:
     int m_watchdogMs;
     int m_watchdogId = 0;
+    QElapsedTimer m_lastData;
+    QElapsedTimer m_lastDump;
     int m_fileCounter = 0;
     int m_bufferCapacity = KorbRdvScanner::MaxBufferSize;
     bool m_receiveBufferWarned = false;

@@ -28,7 +28,8 @@ bool connecting(QAbstractSocket::SocketState s)
 
 KorbRdvStreamerTcp::KorbRdvStreamerTcp(QObject *parent, KorbRdvSink *sink, QObject *commandSource,
                                        const QString &host, quint16 port)
-    : KorbRdvSource(parent, sink, commandSource, WatchdogMs), m_port(port ? port : Korb::DefaultPort),
+    : KorbRdvSource(parent, sink, commandSource, WatchdogMs, KorbRdvScanner::Pacing::Stream),
+      m_port(port ? port : Korb::DefaultPort),
       m_host(host.isEmpty() ? QString::fromLatin1(Korb::DefaultDeviceAddress) : host)
 {
     qRegisterMetaType<QAbstractSocket::SocketError>("QAbstractSocket::SocketError");
@@ -282,29 +283,26 @@ void KorbRdvStreamerTcp::error(QAbstractSocket::SocketError err)
 
 void KorbRdvStreamerTcp::readyRead()
 {
-    restartWatchdog();
+    noteData();
     // Only the first read into a fresh buffer describes its first frame.
     bool verbose = ensureBuffer();
     if (!m_socket)
         return;
     for (;;) {
         const qint64 available = m_socket->bytesAvailable();
-        if (available <= 0 || !m_scan.charBuff())
-            return;
         // Less than one frame's worth waits in the socket for more.
-        if (available < m_scan.frameSize())
+        if (available <= 0 || available < m_scan.frameSize())
             return;
         const int n = int(qMin(qMin(available, MaxReadChunk), qint64(m_scan.charBuffSize())));
-        if (qint64(m_scan.fillEnd()) + n > m_scan.charBuffSize())
-            m_scan.restartFill();
-        const qint64 got = m_socket->read(m_scan.charBuff() + m_scan.fillEnd(), n);
+        char *const window = m_scan.reserve(n);
+        if (!window)
+            return;
+        const qint64 got = m_socket->read(window, n);
         if (got < n) {
             KTRACE << "read" << n << got;
             return;
         }
-        m_prevFillEnd = m_scan.fillEnd();
-        m_scan.setFillEnd(m_prevFillEnd + n);
-        m_scan.calcBuff(verbose);
+        m_scan.commit(n, verbose);
         verbose = false;
     }
 }

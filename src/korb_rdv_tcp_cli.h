@@ -39,7 +39,6 @@ public:
     QAbstractSocket::SocketState state() const;
     bool isStopped() const { return m_stopped; }
     bool reconnectPending() const { return m_reconnect.isActive(); }
-    int prevFillEnd() const { return m_prevFillEnd; }
     // Bytes received but not yet taken into the character buffer.
     qint64 pendingBytes() const;
 
@@ -72,7 +71,6 @@ private:
     quint16 m_port;
     QString m_host;
     int m_abort = 0; // 1 while an existing connection is torn down
-    int m_prevFillEnd = 0;
     bool m_stopped = false;
     int m_inConnect = 0; // depth of connectToServer calls (they wait in nested loops)
     int m_failures = 0;  // consecutive failed attempts

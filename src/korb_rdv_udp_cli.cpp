@@ -59,8 +59,8 @@ void KorbRdvStreamerUdp::closeCaptureFile()
 
 KorbRdvStreamerUdp::KorbRdvStreamerUdp(QObject *parent, KorbRdvSink *sink, QObject *commandSource,
                                        quint16 port1, quint16 port2)
-    : KorbRdvSource(parent, sink, commandSource, WatchdogMs), udpSocket1(new QUdpSocket(this)),
-      udpSocket2(new QUdpSocket(this)), m_port{port1, port2}
+    : KorbRdvSource(parent, sink, commandSource, WatchdogMs, KorbRdvScanner::Pacing::Datagrams),
+      udpSocket1(new QUdpSocket(this)), udpSocket2(new QUdpSocket(this)), m_port{port1, port2}
 {
     qRegisterMetaType<QAbstractSocket::SocketError>("QAbstractSocket::SocketError");
     setObjectName(QStringLiteral("rdv_udp_cli_%1").arg(port1));
@@ -111,13 +111,6 @@ bool KorbRdvStreamerUdp::bind()
             requestReceiveBuffer(s->socketDescriptor());
         }
     }
-    if (m_logging) {
-        KLOG(this, ok ? 2 : 0,
-             tr("попытка открыть локальный порт %1:%2 - %3")
-                 .arg(addressText(m_localAddress.toString()),
-                      QStringLiteral("[%1,%2]").arg(m_port[0]).arg(m_port[1]),
-                      ok ? tr("успешно") : tr("с ошибкой")));
-    }
     return ok;
 }
 
@@ -156,22 +149,21 @@ qint64 KorbRdvStreamerUdp::sendMessage_raw(QUdpSocket *socket, const QByteArray 
 
 void KorbRdvStreamerUdp::ReadyRead1()
 {
-    // One datagram per call, as many calls as datagrams are queued, so a
-    // burst is taken in one notification.
-    while (udpSocket1->hasPendingDatagrams())
-        ReadyRead(udpSocket1, 0);
+    ReadyRead(udpSocket1, 0);
 }
 
 void KorbRdvStreamerUdp::ReadyRead2()
 {
-    while (udpSocket2->hasPendingDatagrams())
-        ReadyRead(udpSocket2, 1);
+    ReadyRead(udpSocket2, 1);
 }
 
 void KorbRdvStreamerUdp::error(QAbstractSocket::SocketError err)
 {
     auto *s = qobject_cast<QUdpSocket *>(sender());
     const QString text = s ? s->errorString() : QString::number(int(err));
+    // A read that finds the queue empty ends every burst; it is no error.
+    if (err == QAbstractSocket::TemporaryError)
+        return;
     KLOG(this, 1, tr("ошибка сокета UDP (%1): %2").arg(int(err)).arg(text));
     emit error(text, addressText(m_localAddress.toString()), s ? s->localPort() : quint16(0));
 }
@@ -192,82 +184,83 @@ void KorbRdvStreamerUdp::resetPorts()
 
 void KorbRdvStreamerUdp::ReadyRead(QUdpSocket *udpSocket, int udpNum)
 {
-    restartWatchdog();
     if (!udpSocket)
         return;
+    noteData();
     udpNum &= 1;
 
-    // Raw capture: a directory "Z:" in the working directory switches it on.
+    // Raw capture: a directory "Z:" in the working directory switches it
+    // on; looked for once per notification, not per datagram.
     QFile &capture = captureFile();
     if (!capture.isOpen()) {
         capture.setFileName(QStringLiteral("Z:/udpStream_%1.bin").arg(QDateTime::currentMSecsSinceEpoch()));
         capture.open(QIODevice::ReadWrite);
     }
     if (udpNum == 0 && capture.isOpen()) {
-        const qint64 pending = udpSocket->pendingDatagramSize();
-        QByteArray datagram(int(qMax<qint64>(pending, 0)), Qt::Uninitialized);
-        const qint64 got = udpSocket->readDatagram(datagram.data(), datagram.size());
-        if (got > 0) {
+        QByteArray datagram(MaxDatagramSize, Qt::Uninitialized);
+        qint64 got;
+        while ((got = udpSocket->readDatagram(datagram.data(), datagram.size())) >= 0) {
             capture.write(datagram.constData(), got);
-            capture.flush(); // a capture is for post-mortems: keep it on disk
+            KTRACE << "rcnt" << got;
         }
-        KTRACE << "rcnt" << pending << got;
+        capture.flush(); // a capture is for post-mortems: keep it on disk
         return;
     }
 
-    const qint64 pending = udpSocket->pendingDatagramSize();
-    char *const d = receiveSlot(udpNum, pending);
-    if (!d) {
-        KTRACE << "rcnt" << pending;
-        char discard;
-        if (udpSocket->hasPendingDatagrams())
-            udpSocket->readDatagram(&discard, 0); // the datagram still has to leave the queue
-        return;
+    // One system call per datagram: each read goes straight to the receive
+    // area, and the read that finds the queue empty ends the burst.
+    for (;;) {
+        char *const d = receiveSlot(udpNum);
+        const qint64 got = udpSocket->readDatagram(d, MaxDatagramSize);
+        if (got < 0)
+            return;
+        if (got == 0) {
+            KTRACE << "rcnt" << got;
+            dropFrame(udpNum);
+            ++s_counters.udpEr;
+            continue;
+        }
+        acceptDatagram(udpNum, settle(udpNum, d, int(got)), int(got));
     }
-    const qint64 got = udpSocket->readDatagram(d, pending);
-    if (got < pending) {
-        KTRACE << "rcnt" << pending << got;
-        dropFrame(udpNum);
-        m_lastSeq[udpNum] = ~m_lastSeq[udpNum]; // the next datagram fails the sequence test
-        ++s_counters.udpEr;
-        return;
-    }
-    acceptDatagram(udpNum, d, int(got));
 }
 
 void KorbRdvStreamerUdp::takeDatagram(int udpNum, const QByteArray &datagram)
 {
     udpNum &= 1;
-    char *const d = receiveSlot(udpNum, datagram.size());
-    if (!d)
+    if (datagram.isEmpty() || datagram.size() > MaxDatagramSize) {
+        dropFrame(udpNum);
+        ++s_counters.udpEr;
         return;
+    }
+    char *const d = receiveSlot(udpNum);
     std::memcpy(d, datagram.constData(), size_t(datagram.size()));
-    acceptDatagram(udpNum, d, datagram.size());
+    acceptDatagram(udpNum, settle(udpNum, d, datagram.size()), datagram.size());
 }
 
-char *KorbRdvStreamerUdp::receiveSlot(int udpNum, qint64 size)
+char *KorbRdvStreamerUdp::receiveSlot(int udpNum)
 {
     if (ensureBuffer())
         resetPorts();
-    if (size < 1 || size > MaxDatagramSize) {
-        dropFrame(udpNum);
-        ++s_counters.udpEr;
-        return nullptr;
-    }
+    return m_area[udpNum] + m_buffIdx[udpNum];
+}
+
+char *KorbRdvStreamerUdp::settle(int udpNum, char *d, int size)
+{
+    if (m_buffIdx[udpNum] + size <= ReceiveAreaSize)
+        return d;
+    KTRACE << "m_buffIdx 0";
+    // A frame still being assembled moves to the start with the rest, so a
+    // frame spread over several datagrams survives the restart.
     char *const area = m_area[udpNum];
-    if (m_buffIdx[udpNum] + size > ReceiveAreaSize) {
-        KTRACE << "m_buffIdx 0";
-        // A frame still being assembled moves to the start with the rest, so
-        // a frame spread over several datagrams survives the restart.
-        const int held = m_frame[udpNum] ? m_buffIdx[udpNum] - int(m_frame[udpNum] - area) : 0;
-        if (m_frame[udpNum] && held + size <= ReceiveAreaSize) {
-            std::memmove(area, m_frame[udpNum], size_t(held));
-            m_frame[udpNum] = area;
-            m_buffIdx[udpNum] = held;
-        } else {
-            dropFrame(udpNum);
-        }
+    const int held = m_frame[udpNum] ? m_buffIdx[udpNum] - int(m_frame[udpNum] - area) : 0;
+    if (m_frame[udpNum] && held + size <= ReceiveAreaSize) {
+        std::memmove(area, m_frame[udpNum], size_t(held));
+        m_frame[udpNum] = area;
+        m_buffIdx[udpNum] = held;
+    } else {
+        dropFrame(udpNum);
     }
+    std::memmove(area + m_buffIdx[udpNum], d, size_t(size));
     return area + m_buffIdx[udpNum];
 }
 
@@ -316,13 +309,11 @@ void KorbRdvStreamerUdp::acceptDatagram(int udpNum, char *d, int size)
     // The second port's groups are numbered 8 above the first port's.
     f[offsetof(RdvFrame, flags)] = char(quint8(f[offsetof(RdvFrame, flags)]) + 8 * udpNum);
 
-    if (char *const done = m_frame[udpNum]) {
+    if (const char *const done = m_frame[udpNum]) {
+        // Copied once into the character buffer (for the dumps); the map
+        // refers to the frame where it lies in the receive area.
         m_scan.append(done, m_frameLen[udpNum]);
-        m_scan.noteFrame(done);
-        // The map refers to the frame where it lies in the receive area.
-        m_scan.map().insert(Rdv::group(done), reinterpret_cast<RdvChannelFrame *>(done));
-        if (m_scan.clientsPresent() && m_scan.gate(Rdv::timeMs(done)))
-            m_scan.sink()->sendRdv(m_scan.map());
+        m_scan.accept(done);
     }
     m_frame[udpNum] = f;
     m_frameLen[udpNum] = Rdv::frameLength(f);

@@ -50,8 +50,6 @@ public:
                                 quint16 port2);
     ~KorbRdvStreamerUdp() override;
 
-    // When set, bind() reports its result in the log.
-    void setLogging(bool on) { m_logging = on; }
     quint16 port1() const { return m_port[0]; }
     quint16 port2() const { return m_port[1]; }
     QHostAddress localAddress() const { return m_localAddress; }
@@ -75,7 +73,8 @@ public slots:
     qint64 sendMessage1(const QByteArray &data, const QString &host, quint16 port);
     void ReadyRead1();
     void ReadyRead2();
-    // Takes one pending datagram of the socket.
+    // Takes the datagrams waiting on the socket, each read straight into
+    // the port's receive area.
     void ReadyRead(QUdpSocket *udpSocket, int udpNum);
     void error(QAbstractSocket::SocketError err);
 
@@ -85,17 +84,18 @@ protected:
 
 private:
     qint64 sendMessage_raw(QUdpSocket *socket, const QByteArray &data, const QString &host, quint16 port);
-    // Where the next datagram of `size` bytes goes in the port's receive
-    // area (restarting the area when it would not fit); null, with the frame
-    // in progress dropped, for an empty or oversized datagram.
-    char *receiveSlot(int udpNum, qint64 size);
+    // Where the next datagram goes: behind the data of the port's receive
+    // area, which always has room for the largest one.
+    char *receiveSlot(int udpNum);
+    // The datagram of `size` bytes just put at `d`, moved to the start of the
+    // area (behind the frame in progress) when it ends past the area's end.
+    char *settle(int udpNum, char *d, int size);
     // Sequence test and reassembly of the datagram of `size` bytes at `d`.
     void acceptDatagram(int udpNum, char *d, int size);
     void dropFrame(int udpNum);
     void resetPorts();
     void parseCapture();
 
-    bool m_logging = false;
     QUdpSocket *udpSocket1;
     QUdpSocket *udpSocket2;
     QHostAddress m_localAddress = QHostAddress::Any;
@@ -105,9 +105,10 @@ private:
     int m_buffIdx[2] = {0, 0};
     int m_frameLen[2] = {0, 0};
     char *m_frame[2] = {nullptr, nullptr}; // frame being assembled, in the port's area
-    // Receive areas, with one largest frame of zeroed slack behind each so
-    // that a frame read by its count never leaves the allocation.
-    char m_area[2][ReceiveAreaSize + Rdv::MaxFrameSize] = {};
+    // Receive areas: room for one largest datagram past the area's end, so
+    // that every read goes in place, and one largest frame of zeroed slack
+    // behind that, so that a frame read by its count never leaves the allocation.
+    char m_area[2][ReceiveAreaSize + MaxDatagramSize + Rdv::MaxFrameSize] = {};
 
     static Counters s_counters;
 };

@@ -1,0 +1,83 @@
+#pragma once
+
+#include "src/korb_rdv_source.h"
+
+#include <QElapsedTimer>
+#include <QFile>
+
+#include <cstdlib>
+#include <memory>
+
+// A recorded frame file as a data source: loaded whole into memory, then
+// stepped by the WebSocket server's playback timer. Every step hands the
+// frames whose time has come, in file order, to the scanner's accept step,
+// which sends those at least one send interval apart and thins the rest.
+// The end of the file wraps to its start.
+class KorbRdvPlayback : public KorbRdvSource
+{
+    Q_OBJECT
+    Q_DISABLE_COPY(KorbRdvPlayback)
+
+public:
+    // The file is read in pieces of this size.
+    static constexpr int ChunkSize = 4095;
+    // A time stamp further ahead of the previous frame's than this is a jump
+    // in the recording, not a pause: pacing starts again at that frame rather
+    // than waiting for it.
+    static constexpr quint64 MaxFrameGapMs = 10000;
+
+    explicit KorbRdvPlayback(QObject *parent, KorbRdvSink *sink);
+    ~KorbRdvPlayback() override;
+
+    // Loads the file: false, without a message, when it does not exist; a
+    // console line "file no open ro mode" when it cannot be read, "file size
+    // >" when it is larger than the maximum playback file size. The buffer is
+    // that maximum, zero-filled. Playback then stands at the first frame.
+    bool load(const QString &name);
+    bool isLoaded() const { return m_played.isOpen(); }
+    // Pacing starts again from the next frame with the current send
+    // interval; with `rewind` the next frame is the file's first.
+    void restart(bool rewind);
+    // One tick: hands on every frame that is due. False when a whole pass
+    // over the file found no frame: no tick will ever find one.
+    bool step();
+
+    // Since the file was loaded: packets handed to the sink, frames thinned
+    // by the gate, and whole passes over the file.
+    qint64 packets() const { return m_packets; }
+    qint64 thinned() const { return m_thinned; }
+    int passes() const { return m_passes; }
+
+protected:
+    // The recording commands dump what a live source received; a replay has
+    // nothing of that kind.
+    bool receiving() const override { return false; }
+
+private:
+    enum Report { Thinned = 1, Jumped = 2 };
+    // Offset of the next whole frame at or after `from`, -1 at the end.
+    int nextFrame(int from) const;
+    // At the end of the file: back to its start. False when the pass found no frame.
+    bool endOfPass();
+    void reportOnce(Report which, const QString &text);
+
+    struct FreeDeleter
+    {
+        void operator()(char *p) const { std::free(p); }
+    };
+    QFile m_played;
+    std::unique_ptr<char, FreeDeleter> m_image;
+    int m_loaded = 0;
+    int m_pos = 0;
+    bool m_paced = false; // the pacing clock runs from m_anchorMs
+    quint64 m_anchorMs = 0;
+    quint64 m_prevMs = 0;
+    QElapsedTimer m_clock;
+    QElapsedTimer m_passClock;
+    bool m_passHasFrames = false;
+    qint64 m_passBytes = 0;
+    int m_reported = 0;
+    qint64 m_packets = 0;
+    qint64 m_thinned = 0;
+    int m_passes = 0;
+};

@@ -1,11 +1,14 @@
 #include "src/korb_rdv_ws_listener.h"
 
+#include "logger/korb_log.h"
 #include "src/korb_rdv_client_socket.h"
+
+#include <QWebSocket>
 
 #include <unistd.h>
 
-KorbRdvWsListener::KorbRdvWsListener(QObject *parent, qint64 replyBound)
-    : QTcpServer(parent), m_replyBound(replyBound)
+KorbRdvWsListener::KorbRdvWsListener(QObject *parent, qint64 replyBound, qint64 readBufferSize)
+    : QTcpServer(parent), m_replyBound(replyBound), m_readBufferSize(readBufferSize)
 {
 }
 
@@ -17,5 +20,30 @@ void KorbRdvWsListener::incomingConnection(qintptr descriptor)
         ::close(int(descriptor)); // the socket never took it over
         return;
     }
+    m_handshakes.removeAll(QPointer<KorbRdvClientSocket>());
+    if (m_handshakes.size() >= m_maxHandshakes) {
+        // Before the handshake there is no WebSocket to say why.
+        KLOGF(parent(), 1,
+              tr("соединение отклонено: %1 соединений ещё не установили WebSocket").arg(m_maxHandshakes));
+        socket->abort();
+        socket->deleteLater();
+        return;
+    }
+    socket->setReadBufferSize(m_readBufferSize);
+    m_handshakes.append(socket);
     emit accepted(socket);
+}
+
+KorbRdvClientSocket *KorbRdvWsListener::takeHandshake(const QWebSocket *socket)
+{
+    // The WebSocket does not say which socket it took over; the peer's
+    // address and port do, since every connection ends at our one port.
+    for (int i = 0; i < m_handshakes.size(); ++i) {
+        KorbRdvClientSocket *tcp = m_handshakes.at(i);
+        if (tcp && tcp->peerPort() == socket->peerPort() && tcp->peerAddress() == socket->peerAddress()) {
+            m_handshakes.removeAt(i);
+            return tcp;
+        }
+    }
+    return nullptr;
 }

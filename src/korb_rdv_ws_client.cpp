@@ -1,0 +1,85 @@
+#include "src/korb_rdv_ws_client.h"
+
+#include "logger/korb_log.h"
+#include "src/korb_rdv_client_socket.h"
+
+#include <QWebSocket>
+
+KorbRdvWsClient::KorbRdvWsClient(QObject *parent, QWebSocket *socket, KorbRdvClientSocket *tcp, quint64 seq)
+    : QObject(parent), m_socket(socket), m_tcp(tcp), m_seq(seq)
+{
+    connect(tcp, &KorbRdvClientSocket::drained, this, &KorbRdvWsClient::onDrained);
+    // Queued: the bound is found in the middle of a write of the WebSocket layer.
+    connect(tcp, &KorbRdvClientSocket::replyBoundExceeded, this, &KorbRdvWsClient::repliesUnread,
+            Qt::QueuedConnection);
+}
+
+bool KorbRdvWsClient::isConnected() const
+{
+    return m_tcp->state() == QAbstractSocket::ConnectedState;
+}
+
+qint64 KorbRdvWsClient::queuedBytes() const
+{
+    return m_tcp->bytesToWrite();
+}
+
+qint64 KorbRdvWsClient::behindSince() const
+{
+    return m_tcp->behindSince();
+}
+
+bool KorbRdvWsClient::give(const QByteArray &frame, quint64 seq)
+{
+    m_seq = seq;
+    const bool replacing = !m_waiting.isEmpty();
+    if (replacing) {
+        ++m_replaced;
+        if (!m_behind) {
+            m_behind = true;
+            KLOGF(parent(), 1,
+                  tr("клиент %1 не успевает читать: ожидающие пакеты заменяются более новыми")
+                      .arg(descriptor()));
+        }
+    }
+    if (m_tcp->idle()) {
+        m_waiting.clear();
+        m_tcp->writePacket(frame);
+    } else {
+        m_waiting = frame;
+    }
+    return replacing;
+}
+
+void KorbRdvWsClient::writeWaiting()
+{
+    if (m_waiting.isEmpty() || !m_tcp->idle() || !isConnected())
+        return;
+    m_tcp->writePacket(m_waiting);
+    m_waiting.clear();
+}
+
+void KorbRdvWsClient::onDrained()
+{
+    if (m_waiting.isEmpty())
+        m_behind = false;
+    else
+        emit ready(); // written from the server's next slice, not from inside the socket's signal
+}
+
+int KorbRdvWsClient::admitLine()
+{
+    if (m_lastLine.isValid() && m_lastLine.elapsed() < LineIntervalMs) {
+        ++m_heldLines;
+        return -1;
+    }
+    m_lastLine.start();
+    const int before = m_heldLines;
+    m_heldLines = 0;
+    return before;
+}
+
+QByteArray KorbRdvWsClient::heldBackNote(int held)
+{
+    return held > 0 ? QByteArrayLiteral("held back: ") + QByteArray::number(held) : QByteArray();
+}

@@ -1,51 +1,65 @@
-// A client's text and binary messages, through the parser and through the
-// server's own slots on a connected client's socket: every message gets the
+// Client messages through the parser and the server's own slots: each gets the
 // reply the parse promised, and an accepted interval takes effect.
 #include "fuzz_support.h"
 
 #include "src/korb_rdv_command.h"
 #include "src/korb_rdv_settings.h"
+#include "src/korb_rdv_wsserver.h"
 
-#include <QWebSocket>
+#include <QCoreApplication>
+#include <QDeadlineTimer>
+
+namespace {
+QStringList g_replies;
+
+// Runs the event loop until `done`; what has not come in time is lost.
+template <typename Done> void until(Done done)
+{
+    for (const QDeadlineTimer deadline(5000); !done() && !deadline.hasExpired();)
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+    FUZZ_CHECK(done());
+}
+
+// The server's end of its one client, connected on first use.
+QWebSocket *peer()
+{
+    static WebSocketServer server(nullptr);
+    static QWebSocket client;
+    static QWebSocket *peer = nullptr;
+    if (!peer) {
+        FUZZ_CHECK(server.listen(QHostAddress::LocalHost, 0));
+        QObject::connect(&server, &WebSocketServer::connected, [](QWebSocket *socket) { peer = socket; });
+        QObject::connect(&client, &QWebSocket::textMessageReceived,
+                         [](const QString &text) { g_replies << text; });
+        client.open(QUrl(QStringLiteral("ws://127.0.0.1:%1").arg(server.serverPort())));
+        until([] { return peer && client.isValid(); });
+    }
+    return peer;
+}
+} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    Fuzz::Relay &relay = Fuzz::relay();
-    Fuzz::Input in(data, size);
+    Fuzz::setUp();
+    Fuzz::Input in{data, size};
     const bool binary = in.byte() & 1;
-    const QByteArray bytes = in.rest();
-    const int texts = relay.texts.size();
-
-    if (binary) {
-        emit relay.peer->binaryMessageReceived(bytes);
-        relay.drain(0, texts + 1);
-        FUZZ_CHECK(relay.texts.last() == QLatin1String("@Err: binary command no supported"));
-        return 0;
-    }
-
+    const QByteArray bytes = in.take(size);
     const QString message = QString::fromUtf8(bytes);
     const RdvClientCommand command = RdvClientCommand::parse(message);
-    switch (command.action) {
-    case RdvClientCommand::Forward:
-        FUZZ_CHECK(command.word == QLatin1String("csv") || command.word == QLatin1String("buf"));
-        FUZZ_CHECK(command.reply.isEmpty());
-        break;
-    case RdvClientCommand::SetInterval:
-        FUZZ_CHECK(command.word == QLatin1String("ims") && command.intervalMs > 1);
-        FUZZ_CHECK(command.reply == message + QLatin1String(" OK"));
-        break;
-    case RdvClientCommand::Refuse:
-        FUZZ_CHECK(command.reply.startsWith(QLatin1String("Err: ")));
-        break;
-    }
-
-    emit relay.peer->textMessageReceived(message);
-    if (command.action == RdvClientCommand::Forward)
-        return 0;
-    relay.drain(0, texts + 1);
-    FUZZ_CHECK(relay.texts.last() == command.reply);
+    const bool forward = command.action == RdvClientCommand::Forward;
+    FUZZ_CHECK(forward == (command.word == QLatin1String("csv") || command.word == QLatin1String("buf")));
+    FUZZ_CHECK(forward == command.reply.isEmpty());
     if (command.action == RdvClientCommand::SetInterval)
-        FUZZ_CHECK(Korb::sendIntervalMs == command.intervalMs);
-    relay.texts.clear();
+        FUZZ_CHECK(command.intervalMs > 1 && command.reply == message + QLatin1String(" OK"));
+    if (command.action == RdvClientCommand::Refuse)
+        FUZZ_CHECK(command.reply.startsWith(QLatin1String("Err: ")));
+    binary ? emit peer()->binaryMessageReceived(bytes) : emit peer()->textMessageReceived(message);
+    if (binary || !forward) {
+        until([] { return !g_replies.isEmpty(); });
+        FUZZ_CHECK(g_replies.takeFirst() ==
+                   (binary ? QStringLiteral("@Err: binary command no supported") : command.reply));
+    }
+    FUZZ_CHECK(binary || command.action != RdvClientCommand::SetInterval ||
+               Korb::sendIntervalMs == command.intervalMs);
     return 0;
 }

@@ -1,5 +1,5 @@
-// The client-side reader of the relay's packets, fed arbitrary messages:
-// it must never read outside the message, and what it reports must add up.
+// The client-side reader of the relay's packets, fed arbitrary messages: it
+// must never read outside the message, and what it reports must add up.
 #include "fuzz_support.h"
 
 #include "src/korb_rdv_decoder.h"
@@ -10,16 +10,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const RdvDecoded d = KorbRdvDecoder::decode(message);
     int end = 0;
     for (const RdvBlock &b : d.blocks) {
-        FUZZ_CHECK(b.offset == end);
-        FUZZ_CHECK(b.size >= b.headerSize());
+        FUZZ_CHECK(b.offset == end && b.size >= b.headerSize());
         end += b.size;
         FUZZ_CHECK(end <= message.size());
     }
-    if (d.ok) {
-        FUZZ_CHECK(end == message.size());
-    } else {
-        FUZZ_CHECK(d.errorOffset >= end && d.errorOffset <= message.size());
-        FUZZ_CHECK(!d.error.isEmpty());
-    }
+    FUZZ_CHECK(d.ok ? end == message.size() : d.errorOffset >= end && d.errorOffset <= message.size());
+    FUZZ_CHECK(d.ok || !d.error.isEmpty());
     return 0;
 }

@@ -1,94 +1,75 @@
 #pragma once
 
-// What the fuzz targets share: a Qt application for the units that need one,
-// quiet logging, a sink that builds every packet it is handed, a relay with
-// one WebSocket client on loopback, and sizes drawn from the input.
+// What the fuzz targets share: the application, a check that keeps the input,
+// the input read from the front, and a sink whose every packet must decode.
 
+#include "logger/korb_log.h"
+#include "logger/korb_logger_light.h"
+#include "src/korb_rdv_decoder.h"
+#include "src/korb_rdv_packet.h"
 #include "src/korb_rdv_sink.h"
 
-#include <QByteArray>
-#include <QVector>
+#include <QCoreApplication>
+#include <QHash>
+#include <QTemporaryDir>
 
-#include <cstddef>
-#include <cstdint>
-
-class QWebSocket;
-class WebSocketServer;
+#include <cstdio>
 
 namespace Fuzz {
 
-// Creates the application object once, sends log files to a temporary
-// directory and drops console traces (they would only slow the run).
-void setUp();
+inline void setUp()
+{
+    static int argc = 1;
+    static char name[] = "korb_fuzz", *argv[] = {name, nullptr};
+    static QTemporaryDir *logs = nullptr;
+    if (logs)
+        return;
+    new QCoreApplication(argc, argv);
+    KorbLoggerLight::instance()->setLogDir((logs = new QTemporaryDir)->path());
+    Korb::logThreshold = 0;
+    qInstallMessageHandler(
+        [](QtMsgType, const QMessageLogContext &, const QString &) {}); // traces slow the run
+}
 
-// Ends the run with a report of `what`: libFuzzer keeps the input.
-[[noreturn]] void fail(const char *what, const char *file, int line);
+// Ends the run: libFuzzer keeps the input.
 #define FUZZ_CHECK(condition)                                                                                \
-    do {                                                                                                     \
-        if (!(condition))                                                                                    \
-            Fuzz::fail(#condition, __FILE__, __LINE__);                                                      \
-    } while (0)
+    ((condition) ? void()                                                                                    \
+                 : (std::fprintf(stderr, "fuzz check failed: %s (%s:%d)\n", #condition, __FILE__, __LINE__), \
+                    std::abort()))
 
-// The input, read from the front: control bytes first, the rest as data.
-class Input
+// Control bytes first, the rest as data; zero bytes past the end.
+struct Input
 {
-public:
-    Input(const uint8_t *data, size_t size) : m_data(data), m_size(size) {}
-    // The next byte, 0 once the input is used up.
-    uint8_t byte();
-    // The next two bytes, little-endian.
-    int word();
-    // Up to `n` bytes (fewer at the end).
-    QByteArray take(int n);
-    QByteArray rest() { return take(int(remaining())); }
-    size_t remaining() const { return m_size - m_pos; }
-
-private:
-    const uint8_t *m_data;
-    size_t m_size;
-    size_t m_pos = 0;
+    const uint8_t *data;
+    size_t size;
+    size_t pos = 0;
+    uint8_t byte() { return pos < size ? data[pos++] : 0; }
+    QByteArray take(size_t n)
+    {
+        const QByteArray bytes(reinterpret_cast<const char *>(data + pos), int(qMin(n, size - pos)));
+        pos += size_t(bytes.size());
+        return bytes;
+    }
 };
 
-// Sizes that follow from a seed: the same input always cuts the same way.
-class Sizes
+// 1 to `max`, following from `state`: the same input always cuts the same way.
+inline int nextSize(uint32_t &state, int max)
 {
-public:
-    explicit Sizes(uint32_t seed) : m_state(seed * 2654435761u + 1u) {}
-    // 1 to `max`.
-    int next(int max);
+    state ^= state << 13, state ^= state >> 17, state ^= state << 5;
+    return 1 + int(state % uint32_t(max));
+}
 
-private:
-    uint32_t m_state;
-};
-
-// Sink with one client: builds the packet of every hand-off from the frame
-// bytes in place, as the relay does, and keeps a hash of each.
-class PacketSink : public KorbRdvSink
+struct PacketSink : KorbRdvSink
 {
-public:
-    QVector<uint> packets;
-
+    QVector<uint> packets; // hashes, in order
     int clientCount() const override { return 1; }
-    void sendRdv(const RdvFrame *frame) override;
-    void sendRdv(const RdvChannelMap &channels) override;
+    void sendRdv(const RdvFrame *frame) override { take(Rdv::buildPacket(frame)); }
+    void sendRdv(const RdvChannelMap &channels) override { take(Rdv::buildPacket(channels)); }
+    void take(const QByteArray &packet)
+    {
+        FUZZ_CHECK(packet.isEmpty() || KorbRdvDecoder::decode(packet).ok);
+        packets << qHash(packet);
+    }
 };
-
-// A WebSocket server listening on 127.0.0.1 with one connected client; every
-// binary message the client gets must decode.
-struct Relay
-{
-    WebSocketServer *server = nullptr;
-    QWebSocket *client = nullptr;
-    QWebSocket *peer = nullptr; // the server's end of the client's connection
-    int binaryMessages = 0;
-    QVector<QString> texts;
-
-    // Runs the event loop until the client has `binary` binary messages and
-    // `text` text messages in all, or a time limit passes.
-    void drain(int binary, int text);
-};
-
-// The one relay of the process, set up on first use.
-Relay &relay();
 
 } // namespace Fuzz

@@ -1,9 +1,6 @@
-// The UDP receive path: datagram header, sequence test, reassembly of frames
-// across datagrams, the restart of the receive area and of the character
-// buffer. The input is a run of datagrams for either port; a datagram may
-// ask for its header to be made right (length, next sequence number) and to
-// be sent again several times, so that the fuzzer reaches the reassembly and
-// fills the 1 MiB receive area.
+// The UDP receive path, datagram by datagram for either port; one may ask for
+// its header to be made right and to be sent again, so that the fuzzer
+// reaches the reassembly and fills the receive area.
 #include "fuzz_support.h"
 
 #include "src/korb_rdv_synth.h"
@@ -11,34 +8,21 @@
 
 #include <memory>
 
-namespace {
-// Character buffers of 64 KiB to 1 MiB.
-constexpr int BufferStep = 65536;
-constexpr int BufferSteps = 16;
-constexpr uint8_t PortBit = 1;
-constexpr uint8_t FixHeaderBit = 2;
-constexpr int RepeatShift = 2; // the upper six bits: extra sends of the datagram
-} // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     Fuzz::setUp();
-    Fuzz::Input in(data, size);
+    Fuzz::Input in{data, size};
     Fuzz::PacketSink sink;
-    // On the heap: the receive areas make the object larger than a stack.
-    auto udp = std::make_unique<KorbRdvStreamerUdp>(nullptr, &sink, nullptr, 0, 0);
-    udp->setBufferCapacity(BufferStep * (1 + in.byte() % BufferSteps));
-    while (in.remaining() > 0) {
-        const uint8_t control = in.byte();
-        const int port = control & PortBit;
-        QByteArray datagram = in.take(in.word());
-        const int sends = 1 + (control >> RepeatShift);
-        for (int i = 0; i < sends; ++i) {
-            if (control & FixHeaderBit) {
-                const int headerSize = int(sizeof(RdvDatagramHeader));
-                datagram = KorbRdvSynth::datagram(udp->lastSequence(port) + 1, datagram.mid(headerSize));
-            }
-            udp->takeDatagram(port, datagram);
+    auto udp = std::make_unique<KorbRdvStreamerUdp>(nullptr, &sink, nullptr, 0, 0); // too large for a stack
+    udp->setBufferCapacity(65536 * (1 + in.byte() % 16));
+    while (in.pos < in.size) {
+        const uint8_t control = in.byte(); // bit 0: port; bit 1: header made right; the rest: extra sends
+        const size_t length = in.byte() | in.byte() << 8;
+        QByteArray datagram = in.take(length);
+        for (int sends = 1 + (control >> 2); sends > 0; --sends) {
+            if (control & 2)
+                datagram = KorbRdvSynth::datagram(udp->lastSequence(control & 1) + 1, datagram.mid(8));
+            udp->takeDatagram(control & 1, datagram);
         }
     }
     return 0;

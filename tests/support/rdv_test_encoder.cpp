@@ -1,7 +1,7 @@
 #include "support/rdv_test_encoder.h"
 
-#include <QBuffer>
 #include <QDataStream>
+#include <QStringList>
 #include <QtEndian>
 
 #include <cstring>
@@ -9,199 +9,147 @@
 namespace RdvTest {
 
 namespace {
-
-// Little-endian appends, one byte at a time, independent of the host order.
-void put(QByteArray &out, quint64 v, int bytes)
+template <typename T> T at(const char *p, int offset)
 {
-    for (int i = 0; i < bytes; ++i)
-        out.append(char((v >> (8 * i)) & 0xFF));
+    T v;
+    std::memcpy(&v, p + offset, sizeof v); // the test hosts are little-endian
+    return v;
 }
 
-void putF32(QByteArray &out, float f)
+// Frame time in whole milliseconds, both steps truncated in double precision.
+double timeMs(const char *f)
 {
-    quint32 bits;
-    std::memcpy(&bits, &f, 4);
-    put(out, bits, 4);
+    const double ns = double(quint64(double(at<quint32>(f, 8)) * 1e9 + double(at<quint32>(f, 12))));
+    return double(quint64(ns / 1e6));
 }
 
-QByteArray encodeHeader(const FrameSpec &s)
+// A packet's fixed part as the format has it: QDataStream, little-endian, doubles.
+template <typename Fields> QByteArray packed(Fields fields)
 {
     QByteArray out;
-    put(out, s.magic, 4);
-    put(out, s.kind, 1);
-    put(out, quint16(s.word5), 2);
-    put(out, s.byte7, 1);
-    put(out, s.timeSec, 4);
-    put(out, s.timeSub, 4);
-    put(out, s.byte16, 1);
-    put(out, s.sampleCount, 2);
-    put(out, s.byte19, 1);
-    if (s.layout == Layout::Channel || (s.layout == Layout::Auto && s.kind == 1)) {
-        const ChannelFields &c = s.channel;
-        put(out, quint16(c.word20), 2);
-        put(out, c.nibbles, 1);
-        put(out, c.byte23, 1);
-        put(out, c.counterA, 8);
-        put(out, c.counterB, 8);
-        put(out, quint32(c.intA), 4);
-        putF32(out, c.floatA);
-        putF32(out, c.floatB);
-        put(out, quint32(c.intB), 4);
-    } else {
-        const SingleFields &f = s.single;
-        put(out, f.counterA, 8);
-        put(out, f.counterB, 8);
-        put(out, quint32(f.intA), 4);
-        putF32(out, f.floatA);
-        put(out, quint16(f.word44), 2);
-        put(out, quint16(f.word46), 2);
-        put(out, f.reserved48, 4);
-        put(out, quint32(f.intB), 4);
-    }
-    Q_ASSERT(out.size() == HeaderSize);
+    QDataStream s(&out, QIODevice::WriteOnly);
+    s.setByteOrder(QDataStream::LittleEndian);
+    s.setFloatingPointPrecision(QDataStream::DoublePrecision);
+    fields(s);
     return out;
 }
 
-// Payload bytes the daemon must copy, or none when the header forbids it.
-QByteArray expectedPayload(const FrameSpec &s, int wantedKind)
+// The samples a packet carries: all when the magic, the kind and the count allow.
+QByteArray payload(const QByteArray &f, int kind, int sampleSize)
 {
-    if (s.magic != Magic || s.kind != wantedKind || s.sampleCount > MaxSamples)
-        return QByteArray();
-    return encodeFrame(s).mid(HeaderSize, s.sampleCount * (wantedKind == 1 ? 4 : 8));
+    const int count = at<quint16>(f.constData(), 17);
+    const bool ok = at<quint32>(f.constData(), 0) == Magic && f.at(4) == kind && count <= 13000;
+    return ok ? f.mid(56, count * sampleSize) : QByteArray();
 }
-
-// The packet fields both forms share up to the stamp, written by `fields`.
-template <typename Fields>
-QByteArray packet(const FrameSpec &s, int headerSize, int wantedKind, Fields fields)
-{
-    const QByteArray payload = expectedPayload(s, wantedKind);
-    QByteArray out;
-    QBuffer buf(&out);
-    buf.open(QIODevice::WriteOnly);
-    QDataStream ds(&buf);
-    ds.setByteOrder(QDataStream::LittleEndian);
-    ds.setFloatingPointPrecision(QDataStream::DoublePrecision);
-    ds << quint16(headerSize + payload.size());
-    fields(ds);
-    Q_ASSERT(out.size() == headerSize);
-    return out + payload;
-}
-
-QByteArray expectedChannelBlock(const FrameSpec &s)
-{
-    const ChannelFields &c = s.channel;
-    return packet(s, 77, 1, [&](QDataStream &ds) {
-        ds << qint16(5) << qint16(3) << qint16(2) << qint16(6);
-        ds << qint8(s.kind) << qint8(c.nibbles & 0x0F) << qint8(c.nibbles >> 4) << qint8(s.byte16)
-           << qint8(s.byte7);
-        ds << qint16(s.sampleCount) << s.word5 << c.word20 << c.intA << c.intB;
-        ds << double(frameTimeMs(s.timeSec, s.timeSub)) << 1000.0 / double(s.timeSub);
-        ds << double(c.counterA) << double(c.counterB) << double(c.floatA) << double(c.floatB);
-    });
-}
-
 } // namespace
 
-FrameSpec singleFrame(quint16 sampleCount, quint32 timeSec, quint32 timeSub)
+FrameSpec single(int ms, quint16 count)
 {
-    FrameSpec s;
-    s.kind = 2;
-    s.word5 = 0x1234;
-    s.byte7 = 0x77;
-    s.timeSec = timeSec;
-    s.timeSub = timeSub;
-    s.byte16 = 0x0A; // flag bits 1 and 3 set, 0 and 2 clear
-    s.sampleCount = sampleCount;
-    s.byte19 = 0x19;
-    s.single.counterA = 0x0102030405ull;
-    s.single.counterB = 0x8000000000000801ull; // above 2^63: unsigned conversion
-    s.single.intA = -123456;
-    s.single.floatA = 3.25f;
-    s.single.word44 = -44;
-    s.single.word46 = 4646;
-    s.single.reserved48 = 0xDEADBEEF;
-    s.single.intB = 987654321;
-    s.seed = sampleCount + 7;
-    return s;
+    return {2, 0x0A, count, BaseSec + quint32(ms / 1000), quint32(ms % 1000) * 1000000u};
 }
 
-FrameSpec channelFrame(qint8 group, quint16 sampleCount, quint32 timeSec, quint32 timeSub)
+FrameSpec channel(qint8 group, int ms, quint16 count)
 {
-    FrameSpec s;
-    s.kind = 1;
-    s.word5 = qint16(-2000 + group);
-    s.byte7 = quint8(0x80 | group);
-    s.timeSec = timeSec;
-    s.timeSub = timeSub;
-    s.byte16 = quint8(group);
-    s.sampleCount = sampleCount;
-    s.byte19 = 0x91;
-    s.channel.word20 = qint16(2020 + group);
-    s.channel.nibbles = quint8(0xA0 | (group & 0x0F));
-    s.channel.byte23 = 0x23;
-    s.channel.counterA = 1000000ull + quint64(quint8(group));
-    s.channel.counterB = 0xFFFFFFFFFFFFFFFFull;
-    s.channel.intA = -40 - group;
-    s.channel.floatA = 0.5f + group;
-    s.channel.floatB = -1.0e-3f;
-    s.channel.intB = 52 + group;
-    s.seed = quint32(quint8(group)) * 100u + sampleCount;
-    return s;
+    return {1, quint8(group), count, BaseSec + quint32(ms / 1000), quint32(ms % 1000) * 1000000u};
 }
 
-QByteArray encodeFrame(const FrameSpec &s)
+QByteArray frame(const FrameSpec &s)
 {
-    QByteArray out = encodeHeader(s);
-    if (!s.payload.isEmpty())
-        return out + s.payload;
-    const int count = s.payloadSamples < 0 ? s.sampleCount : s.payloadSamples;
-    QByteArray samples(count * (s.kind == 1 ? 4 : 8), Qt::Uninitialized);
-    quint32 x = s.seed * 2654435761u + 12345u;
-    for (int i = 0; i < samples.size(); ++i) {
-        x = x * 1664525u + 1013904223u;
-        samples[i] = char(x >> 24);
-    }
-    return out + samples;
+    const int samples = s.samples < 0 ? s.count : s.samples;
+    QByteArray f(56 + samples * (s.kind == 1 ? 4 : 8), Qt::Uninitialized);
+    for (int i = 0; i < f.size(); ++i)
+        f[i] = char(i < 56 ? i * 37 + 11 : i * 131 + s.count);
+    qToLittleEndian<quint32>(s.magic, f.data());
+    f[4] = char(s.kind);
+    qToLittleEndian<quint32>(s.sec, f.data() + 8);
+    qToLittleEndian<quint32>(s.sub, f.data() + 12);
+    f[16] = char(s.byte16);
+    qToLittleEndian<quint16>(s.count, f.data() + 17);
+    return f;
 }
 
-QByteArray encodeStream(const QList<FrameSpec> &frames, int gap, char fill)
+QByteArray stream(const QList<FrameSpec> &frames, int gap)
 {
     QByteArray out;
     for (const FrameSpec &s : frames)
-        out += encodeFrame(s) + QByteArray(gap, fill);
+        out += frame(s) + QByteArray(gap, '\0');
     return out;
 }
 
-quint64 frameTimeMs(quint32 timeSec, quint32 timeSub)
+QByteArray datagram(quint32 seq, const QByteArray &body, int lengthDelta)
 {
-    const quint64 wholeNs = quint64(double(timeSec) * 1e9 + double(timeSub));
-    return quint64(double(wholeNs) / 1e6);
+    QByteArray d(8, '\0');
+    qToLittleEndian<quint16>(quint16(8 + body.size() + lengthDelta), d.data());
+    qToLittleEndian<quint32>(seq, d.data() + 4);
+    return d + body;
 }
 
-QByteArray expectedSinglePacket(const FrameSpec &s)
+QByteArray singlePacket(const QByteArray &f)
 {
-    const SingleFields &f = s.single;
-    return packet(s, 71, 2, [&](QDataStream &ds) {
-        ds << qint16(5) << qint16(4) << qint16(2) << qint16(5);
-        ds << qint8(s.kind) << qint8((s.byte16 >> 1) & 1) << qint8((s.byte16 >> 2) & 1)
-           << qint8((s.byte16 >> 3) & 1) << qint8(s.byte16 & 1);
-        ds << qint16(s.sampleCount) << s.word5 << f.word44 << f.word46 << f.intA << f.intB;
-        ds << double(frameTimeMs(s.timeSec, s.timeSub)) << 1000.0 / double(s.timeSub);
-        ds << double(f.counterA) << double(f.counterB) << double(f.floatA);
+    const char *p = f.constData();
+    const quint8 flags = quint8(p[16]);
+    QByteArray out = packed([&](QDataStream &s) {
+        s << quint16(0) << qint16(5) << qint16(4) << qint16(2) << qint16(5) << qint8(p[4])
+          << qint8(flags >> 1 & 1) << qint8(flags >> 2 & 1) << qint8(flags >> 3 & 1) << qint8(flags & 1)
+          << at<quint16>(p, 17) << at<qint16>(p, 5) << at<qint16>(p, 44) << at<qint16>(p, 46)
+          << at<qint32>(p, 36) << at<qint32>(p, 52) << timeMs(p) << 1000.0 / double(at<quint32>(p, 12))
+          << double(at<quint64>(p, 20)) << double(at<quint64>(p, 28)) << double(at<float>(p, 40));
     });
-}
-
-QByteArray expectedChannelPacket(const QList<FrameSpec> &frames)
-{
-    QByteArray out;
-    for (const FrameSpec &s : frames)
-        out += expectedChannelBlock(s);
+    out += payload(f, 2, 8);
+    qToLittleEndian<quint16>(quint16(out.size()), out.data());
     return out;
 }
 
-double singlePacketTimeMs(const QByteArray &packet)
+QByteArray channelPacket(const QByteArrayList &frames)
 {
-    return packet.size() < 39 ? -1 : qFromLittleEndian<double>(packet.constData() + 31);
+    QByteArray out;
+    for (const QByteArray &f : frames) {
+        const char *p = f.constData();
+        const quint8 nibbles = quint8(p[22]);
+        QByteArray block = packed([&](QDataStream &s) {
+            s << quint16(0) << qint16(5) << qint16(3) << qint16(2) << qint16(6) << qint8(p[4])
+              << qint8(nibbles & 15) << qint8(nibbles >> 4) << qint8(p[16]) << qint8(p[7])
+              << at<quint16>(p, 17) << at<qint16>(p, 5) << at<qint16>(p, 20) << at<qint32>(p, 40)
+              << at<qint32>(p, 52) << timeMs(p) << 1000.0 / double(at<quint32>(p, 12))
+              << double(at<quint64>(p, 24)) << double(at<quint64>(p, 32)) << double(at<float>(p, 44))
+              << double(at<float>(p, 48));
+        });
+        block += payload(f, 1, 4);
+        qToLittleEndian<quint16>(quint16(block.size()), block.data());
+        out += block;
+    }
+    return out;
+}
+
+QString describePacket(const QByteArray &packet)
+{
+    const char *p = packet.constData();
+    const double base = double(BaseSec) * 1000;
+    if (packet.size() >= 71 && at<qint16>(p, 4) == 4)
+        return QStringLiteral("s%1").arg(qint64(at<double>(p, 31) - base));
+    QStringList entries;
+    for (int pos = 0; pos + 77 <= packet.size();
+         pos += qMax(77, int(at<quint16>(p, pos)))) // lengths <= 65535
+        entries << QStringLiteral("%1@%2")
+                       .arg(int(qint8(p[pos + 13])))
+                       .arg(qint64(at<double>(p, pos + 29) - base));
+    return QLatin1Char('m') + entries.join(QLatin1Char(','));
+}
+
+void RecordingSink::sendRdv(const RdvFrame *frame)
+{
+    seen << QStringLiteral("s%1").arg(
+        qint64(timeMs(reinterpret_cast<const char *>(frame)) - BaseSec * 1000.0));
+}
+
+void RecordingSink::sendRdv(const RdvChannelMap &channels)
+{
+    QStringList entries;
+    for (auto it = channels.cbegin(); it != channels.cend(); ++it)
+        entries << QStringLiteral("%1@%2")
+                       .arg(int(it.key()))
+                       .arg(qint64(timeMs(reinterpret_cast<const char *>(*it)) - BaseSec * 1000.0));
+    seen << 'm' + entries.join(',');
 }
 
 } // namespace RdvTest

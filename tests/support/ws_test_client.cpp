@@ -3,79 +3,36 @@
 #include "src/korb_rdv_wsserver.h"
 
 #include <QNetworkProxy>
-#include <QRandomGenerator>
-#include <QSignalSpy>
 #include <QTcpSocket>
 #include <QTest>
-#include <QUrl>
 #include <QtEndian>
 
 namespace RdvTest {
 
-bool startOnFreePort(WebSocketServer &server)
+WsTestClient::WsTestClient(QObject *parent) : QObject(parent)
 {
-    for (int attempt = 0; attempt < 50; ++attempt) {
-        const quint16 port = quint16(QRandomGenerator::global()->bounded(20000, 60000));
-        if (server.start(port))
-            return true;
-    }
-    return false;
+    socket.setProxy(QNetworkProxy::NoProxy);
+    connect(&socket, &QWebSocket::textMessageReceived, this, [this](const QString &t) { texts << t; });
+    connect(&socket, &QWebSocket::binaryMessageReceived, this,
+            [this](const QByteArray &b) { binaries << b; });
+    connect(&socket, &QWebSocket::disconnected, this, [this] { closeCode = int(socket.closeCode()); });
 }
 
 WsTestClient *connectClient(WebSocketServer &server, QObject *parent)
 {
     auto *c = new WsTestClient(parent);
     const int before = server.clientCount();
-    // The handshake completes on the client before the server has taken it up.
-    if (c->open(server.serverPort()) &&
-        QTest::qWaitFor([&] { return server.clientCount() == before + 1; }, 5000))
+    c->socket.open(QUrl(QStringLiteral("ws://127.0.0.1:%1").arg(server.serverPort())));
+    if (QTest::qWaitFor([&] { return c->socket.isValid() && server.clientCount() == before + 1; }, 5000))
         return c;
     delete c;
     return nullptr;
-}
-
-WsTestClient::WsTestClient(QObject *parent) : QObject(parent)
-{
-    m_socket.setProxy(QNetworkProxy::NoProxy);
-    connect(&m_socket, &QWebSocket::textMessageReceived, this, [this](const QString &t) { texts << t; });
-    connect(&m_socket, &QWebSocket::binaryMessageReceived, this, [this](const QByteArray &b) {
-        if (keepBinaries)
-            binaries << b;
-        lastBinary = b;
-        ++binaryCount;
-        binaryBytes += b.size();
-    });
-    connect(&m_socket, &QWebSocket::disconnected, this, [this] {
-        disconnected = true;
-        closeCode = int(m_socket.closeCode());
-    });
-}
-
-bool WsTestClient::open(quint16 port, int timeoutMs)
-{
-    QSignalSpy spy(&m_socket, &QWebSocket::connected);
-    m_socket.open(QUrl(QStringLiteral("ws://127.0.0.1:%1").arg(port)));
-    return spy.count() > 0 || spy.wait(timeoutMs);
-}
-
-bool WsTestClient::isConnected() const
-{
-    return m_socket.state() == QAbstractSocket::ConnectedState;
-}
-
-QWebSocket *socketArg(const QList<QVariant> &args)
-{
-    const QVariant &v = args.at(0);
-    return v.userType() == qMetaTypeId<QWebSocket *>() ? *static_cast<QWebSocket *const *>(v.constData())
-                                                       : nullptr;
 }
 
 bool rawHandshake(QTcpSocket &socket, quint16 port)
 {
     socket.setProxy(QNetworkProxy::NoProxy);
     socket.connectToHost(QHostAddress::LocalHost, port);
-    if (!socket.waitForConnected(5000))
-        return false;
     socket.write("GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
                  "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n\r\n");
     if (!QTest::qWaitFor([&] { return socket.peek(4096).contains("\r\n\r\n"); }, 5000))
@@ -85,49 +42,23 @@ bool rawHandshake(QTcpSocket &socket, quint16 port)
     return head.startsWith("HTTP/1.1 101");
 }
 
-QByteArray clientFrame(int opcode, const QByteArray &payload)
+QByteArray clientTextFrame(const QByteArray &payload)
 {
-    QByteArray frame(1, char(0x80 | opcode));
-    const int n = payload.size();
-    if (n < 126) {
-        frame += char(0x80 | n);
-    } else {
-        Q_ASSERT(n <= 0xFFFF);
-        frame += char(0x80 | 126);
-        frame += char(n >> 8);
-        frame += char(n & 0xFF);
-    }
-    return frame + QByteArray(4, '\0') + payload; // a zero key leaves the payload as it is
+    const int n = payload.size(); // below 64 KiB
+    return QByteArray("\x81\xFE", 2) + char(n >> 8) + char(n & 0xFF) + QByteArray(4, '\0') + payload;
 }
 
-int WsFrame::closeCode() const
+int closeCodeReadBy(QTcpSocket &socket)
 {
-    return opcode == 0x8 && payload.size() >= 2 ? qFromBigEndian<quint16>(payload.constData()) : -1;
-}
-
-QList<WsFrame> takeServerFrames(QByteArray &stream)
-{
-    QList<WsFrame> frames;
-    const uchar *data = reinterpret_cast<const uchar *>(stream.constData());
-    const quint64 size = quint64(stream.size());
-    quint64 pos = 0;
-    while (pos + 2 <= size) {
-        const uchar *p = data + pos;
-        quint64 length = p[1] & 0x7F;
-        quint64 head = 2;
-        if (length >= 126) {
-            head = length == 126 ? 4 : 10;
-            if (pos + head > size)
-                break;
-            length = head == 4 ? qFromBigEndian<quint16>(p + 2) : qFromBigEndian<quint64>(p + 2);
-        }
-        if (pos + head + length > size)
-            break;
-        frames.append({p[0] & 0x0F, stream.mid(int(pos + head), int(length))});
-        pos += head + length;
-    }
-    stream.remove(0, int(pos));
-    return frames;
+    // The server cuts the connection after its close frame: opcode 8, the
+    // length, the code and a reason in plain ASCII.
+    socket.setReadBufferSize(0);
+    QByteArray stream;
+    QTest::qWaitFor(
+        [&] { return (stream += socket.readAll(), socket.state() == QAbstractSocket::UnconnectedState); },
+        10000);
+    const int close = stream.lastIndexOf('\x88');
+    return close < 0 ? -1 : qFromBigEndian<quint16>(stream.constData() + close + 2);
 }
 
 } // namespace RdvTest

@@ -97,6 +97,7 @@ private slots:
     void tcpWaitsForAFrameWorth();
     void dumpsAndSilence_data();
     void dumpsAndSilence();
+    void tcpReconnects();
 
 private:
     QTemporaryDir m_dir;
@@ -230,6 +231,18 @@ void TestKorbRdvSource::dumpsAndSilence()
     QVERIFY(udp ? d.send(0, run(4, 4, {5000, 5004, 5100, 5200}))
                 : d.write(stream({channel(4, 5000), channel(4, 5004), channel(4, 5100)})));
     QCOMPARE(d.sink.text(), QString(udp ? "m4@100 m4@5100" : "m4@100 m4@200 m4@5100"));
+}
+
+void TestKorbRdvSource::tcpReconnects()
+{
+    Devices d;
+    QSignalSpy accepted(&d.server, &QTcpServer::newConnection);
+    QVERIFY(d.up);
+    d.peer->disconnectFromHost();
+    QVERIFY(accepted.wait(5000)); // one pause later it is back
+    d.tcp->stop();                // stopped, it stays closed
+    QTRY_COMPARE(d.peer->state(), QAbstractSocket::UnconnectedState);
+    QVERIFY(!d.tcp->reconnectPending());
 }
 
 QTEST_GUILESS_MAIN(TestKorbRdvSource)

@@ -37,7 +37,6 @@ public:
     void ready(QWebSocket *socket);
     // Number of the newest packet: a newcomer starts after it.
     quint64 newest() const { return m_packetSeq; }
-    bool passInProgress() const { return m_passActive; }
     qint64 replacedPackets() const { return m_replacedPackets; }
     void setMaxQueuedBytes(qint64 bytes) { m_maxQueuedBytes = bytes; }
     qint64 maxQueuedBytes() const { return m_maxQueuedBytes; }

@@ -53,7 +53,7 @@ bool KorbRdvPlayback::load(const QString &name)
         pos += got;
     }
     m_loaded = int(qMin(size, pos));
-    m_packets = m_thinned = 0;
+    m_thinned = 0;
     m_passes = 0;
     restart(true);
     KTRACE << "playback file" << name << m_loaded << "bytes";
@@ -118,7 +118,6 @@ bool KorbRdvPlayback::step()
         m_pos = at + length;
         m_passHasFrames = true;
         if (m_scan.accept(f)) {
-            ++m_packets;
             m_passBytes += length;
         } else {
             ++m_thinned;

@@ -42,12 +42,6 @@ public:
     // over the file found no frame: no tick will ever find one.
     bool step();
 
-    // Since the file was loaded: packets handed to the sink, frames thinned
-    // by the gate, and whole passes over the file.
-    qint64 packets() const { return m_packets; }
-    qint64 thinned() const { return m_thinned; }
-    int passes() const { return m_passes; }
-
 protected:
     // The recording commands dump what a live source received; a replay has
     // nothing of that kind.
@@ -77,7 +71,7 @@ private:
     bool m_passHasFrames = false;
     qint64 m_passBytes = 0;
     int m_reported = 0;
-    qint64 m_packets = 0;
+    // Since the file was loaded, for the pass report: frames thinned, whole passes.
     qint64 m_thinned = 0;
     int m_passes = 0;
 };

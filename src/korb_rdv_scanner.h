@@ -73,7 +73,6 @@ public:
     quint64 lastFrameTime() const { return m_lastFrameTime; }
     quint8 lastKind() const { return m_lastKind; }
     quint16 sendIntervalMs() const { return m_sendIntervalMs; }
-    qint64 lastSentMs() const { return m_lastSentMs; }
 
     // The write window of a stream source: where `n` bytes go at the fill
     // end, the fill first starting again at 0 (with the throughput report)

@@ -34,7 +34,6 @@ public:
 
     // Size of the character buffer allocated when data arrives and none
     // exists (default: the largest, 64 MiB).
-    int bufferCapacity() const { return m_bufferCapacity; }
     void setBufferCapacity(int bytes) { m_bufferCapacity = bytes; }
 
     // Serial number the next dump file name will carry.

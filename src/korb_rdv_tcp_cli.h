@@ -37,7 +37,6 @@ public:
     QString host() const { return m_host; }
     quint16 port() const { return m_port; }
     QAbstractSocket::SocketState state() const;
-    bool isStopped() const { return m_stopped; }
     bool reconnectPending() const { return m_reconnect.isActive(); }
     // Bytes received but not yet taken into the character buffer.
     qint64 pendingBytes() const;

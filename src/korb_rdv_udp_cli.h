@@ -40,7 +40,6 @@ public:
         int udpOk = 0; // datagrams that passed the sequence and length test
         int udpEr = 0; // datagrams dropped: sequence gap, length mismatch, short read, empty
     };
-    static Counters counters() { return s_counters; }
     // The raw-capture file ("Z:/udpStream_<ms>.bin" relative to the working
     // directory): open while capturing.
     static QString captureFileName();

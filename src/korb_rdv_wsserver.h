@@ -92,8 +92,6 @@ public:
     static int broadcastCount() { return s_broadcastCount; }
     // Packets that waited for a slow client and gave way to a newer one.
     qint64 replacedPackets() const { return m_fanOut->replacedPackets(); }
-    // Whether a pass is still handing the newest packet out.
-    bool broadcastInProgress() const { return m_fanOut->passInProgress(); }
 
 signals:
     void connected(QWebSocket *socket);

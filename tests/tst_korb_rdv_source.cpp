@@ -116,7 +116,7 @@ void TestKorbRdvSource::scan_data()
     FrameSpec k0 = single(0), k3 = single(0), bad = single(0), over = single(0, 13001);
     k0.kind = 0, k3.kind = 3, bad.magic = Magic + 1, over.samples = 0;
     // clang-format off
-    QTest::newRow("50 ms after the last sent is not enough") << L{stream({single(0), single(50), single(52)})} << 1 << "s52";
+    QTest::newRow("50 ms after the last sent is not enough") << L{stream({single(100), single(150), single(152)})} << 1 << "s152";
     QTest::newRow("the first frame only sets the clock; older passes") << L{stream({single(5000), single(5100), single(0)})} << 1 << "s5100 s0";
     QTest::newRow("the two bytes after a frame are never looked at") << L{stream({single(0)}, 0) + stream({single(100), single(200)})} << 1 << "s200";
     QTest::newRow("kinds 0, 3, a wrong magic, 13001 samples: no frames") << L{stream({k0, k3, bad, over, single(0, 1), single(100, 1)})} << 1 << "s100";

@@ -46,6 +46,19 @@ void KorbRdvSource::runCmd(quint16 ms)
     m_scan.setSendIntervalMs(ms);
 }
 
+bool KorbRdvSource::takeDumpSlot()
+{
+    if (!m_dumpClock.isValid())
+        m_dumpClock.start();
+    const qint64 now = m_dumpClock.elapsed();
+    while (!m_dumpTimes.isEmpty() && now - m_dumpTimes.head() >= DumpWindowMs)
+        m_dumpTimes.dequeue();
+    if (m_dumpTimes.size() >= DumpBurst)
+        return false;
+    m_dumpTimes.enqueue(now);
+    return true;
+}
+
 void KorbRdvSource::runCmd(const QString &cmd)
 {
     KLOGF(this, 2, QStringLiteral("runCmd %1").arg(cmd));
@@ -55,11 +68,11 @@ void KorbRdvSource::runCmd(const QString &cmd)
     const bool buf = c == QLatin1String("buf");
     if (!buf && c != QLatin1String("csv"))
         return;
-    if (m_lastDump.isValid() && m_lastDump.elapsed() < DumpIntervalMs) {
-        KLOGF(this, 1, tr("дамп \"%1\" не записан: не чаще одного за %2 мс").arg(c).arg(DumpIntervalMs));
+    if (!takeDumpSlot()) {
+        KLOGF(this, 1,
+              tr("дамп \"%1\" не записан: не более %2 за %3 мс").arg(c).arg(DumpBurst).arg(DumpWindowMs));
         return;
     }
-    m_lastDump.start();
     m_file.setFileName(makeDumpFileName(buf ? QString() : QStringLiteral("csv")));
     m_file.open(QIODevice::WriteOnly);
     KLOG(this, 2, QStringLiteral("m_file.open %1").arg(m_file.fileName()));

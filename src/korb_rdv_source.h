@@ -5,6 +5,7 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QObject>
+#include <QQueue>
 #include <QString>
 
 class KorbRdvSink;
@@ -23,9 +24,11 @@ public:
     // full-size frames must fit while the event loop is busy elsewhere.
     static constexpr int SocketReceiveBufferSize = 8 * 1024 * 1024;
     // A dump writes up to the whole 64 MiB buffer synchronously, in the event
-    // loop: one per this interval and source, so that a client repeating the
-    // command cannot hold the relay or fill the disk at the rate it types.
-    static constexpr int DumpIntervalMs = 5000;
+    // loop: a few back to back (a csv beside a buf) are served, but no more
+    // than DumpBurst per DumpWindowMs and source, so that a client repeating
+    // the command cannot hold the relay or fill the disk at the rate it types.
+    static constexpr int DumpBurst = 4;
+    static constexpr int DumpWindowMs = 20000;
 
     ~KorbRdvSource() override;
 
@@ -50,7 +53,7 @@ public slots:
     void runCmd(quint16 ms);
     // "buf": the whole buffer in ring order to a ".rdv" file; "csv": the
     // oldest frame in the ring as a table. Ignored without a buffer, while
-    // the source is not receiving, and within DumpIntervalMs of the last dump.
+    // the source is not receiving, and past DumpBurst dumps in DumpWindowMs.
     void runCmd(const QString &cmd);
 
 protected:
@@ -83,10 +86,14 @@ protected:
     QFile m_file;
 
 private:
+    // Whether a dump may be written now; counts it when it may.
+    bool takeDumpSlot();
+
     int m_watchdogMs;
     int m_watchdogId = 0;
     QElapsedTimer m_lastData;
-    QElapsedTimer m_lastDump;
+    QElapsedTimer m_dumpClock;
+    QQueue<qint64> m_dumpTimes; // of the dumps within the last DumpWindowMs
     int m_fileCounter = 0;
     int m_bufferCapacity = KorbRdvScanner::MaxBufferSize;
     bool m_receiveBufferWarned = false;

@@ -214,10 +214,15 @@ void TestKorbRdvSource::dumpsAndSilence()
         QVERIFY(udp ? d.send(0, {dg(quint32(ms / 100 + 1), channel(4, ms))})
                     : d.write(stream({channel(4, ms)})));
     emit d.commands.runCmd(QString(udp ? " buf " : "csv"));
-    emit d.commands.runCmd(QStringLiteral("buf")); // a second dump so soon is dropped
+    for (int i = 0; i < KorbRdvSource::DumpBurst; ++i)
+        emit d.commands.runCmd(QStringLiteral("buf")); // the burst's last one is dropped
     const QString name =
         QStringLiteral("zz-uzk_%1_0000.%2").arg(BaseSec - 946684800).arg(udp ? "rdv" : "csv");
-    QCOMPARE(dumps.entryList(QDir::Files), QStringList(name));
+    const QStringList files = dumps.entryList(QDir::Files);
+    QCOMPARE(files.size(), KorbRdvSource::DumpBurst);
+    QCOMPARE(files.first(), name);
+    QVERIFY(files.last().endsWith(
+        QStringLiteral("_%1.rdv").arg(KorbRdvSource::DumpBurst - 1, 4, 10, QLatin1Char('0'))));
     QFile dump(dumps.filePath(name));
     QVERIFY(dump.open(QIODevice::ReadOnly));
     QByteArray csv = "x;y\r\n", oldest = frame(channel(4, 100));

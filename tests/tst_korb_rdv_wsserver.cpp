@@ -65,6 +65,12 @@ QWebSocket *TestRdvWsServer::stalled(QTcpSocket &socket)
     return connected.at(0).at(0).value<QWebSocket *>();
 }
 
+static QByteArray procFile(const char *path)
+{
+    QFile f(QString::fromLatin1(path));
+    return f.open(QIODevice::ReadOnly) ? f.readAll().trimmed() : QByteArray();
+}
+
 QString TestRdvWsServer::file(const QByteArray &bytes)
 {
     static int files = 0;
@@ -256,6 +262,15 @@ void TestRdvWsServer::unreadRepliesCloseWith1008()
         flooder.write(clientTextFrame("ims:" + QByteArray(60000, ' ') + "20"));
         QTRY_VERIFY(commands.count() == sent || m_server->clientCount() == 1);
     }
+    // What the kernel holds (the relay's send buffer at its largest, the
+    // flooder's receive buffer) plus the relay's own bound, and not more.
+    const QList<QByteArray> wmem = procFile("/proc/sys/net/ipv4/tcp_wmem").split('\t');
+    const QList<QByteArray> rmem = procFile("/proc/sys/net/ipv4/tcp_rmem").split('\t');
+    QCOMPARE(wmem.size(), 3);
+    QCOMPARE(rmem.size(), 3);
+    const qint64 held =
+        wmem[2].toLongLong() + 4 * rmem[1].toLongLong() + WebSocketServer::MaxClientReplyBacklog + 2 * 60006;
+    QVERIFY2(commands.count() * 60006 <= held, qPrintable(QString::number(commands.count())));
     m_server->sendRdv(asFrame(frame(single(100))));
     QTRY_COMPARE(reader->binaries, QByteArrayList{singlePacket(frame(single(100)))});
     QCOMPARE(closeCodeReadBy(flooder), int(QWebSocketProtocol::CloseCodePolicyViolated));

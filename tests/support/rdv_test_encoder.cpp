@@ -58,7 +58,8 @@ QByteArray frame(const FrameSpec &s)
     const int samples = s.samples < 0 ? s.count : s.samples;
     QByteArray f(56 + samples * (s.kind == 1 ? 4 : 8), Qt::Uninitialized);
     for (int i = 0; i < f.size(); ++i)
-        f[i] = char(i < 56 ? i * 37 + 11 : i * 131 + s.count);
+        f[i] = char(i < 56 ? i * 37 + 11
+                           : (i * 131 + s.count) | (i % 4 == 1 ? 0x80 : 0)); // some samples negative
     qToLittleEndian<quint32>(s.magic, f.data());
     f[4] = char(s.kind);
     qToLittleEndian<quint32>(s.sec, f.data() + 8);

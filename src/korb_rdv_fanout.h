@@ -38,6 +38,7 @@ public:
     // Number of the newest packet: a newcomer starts after it.
     quint64 newest() const { return m_packetSeq; }
     qint64 replacedPackets() const { return m_replacedPackets; }
+    bool passActive() const { return m_passActive; }
     void setMaxQueuedBytes(qint64 bytes) { m_maxQueuedBytes = bytes; }
     qint64 maxQueuedBytes() const { return m_maxQueuedBytes; }
 

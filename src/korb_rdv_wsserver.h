@@ -92,6 +92,8 @@ public:
     static int broadcastCount() { return s_broadcastCount; }
     // Packets that waited for a slow client and gave way to a newer one.
     qint64 replacedPackets() const { return m_fanOut->replacedPackets(); }
+    // A pass of the broadcast is under way (more slices to come).
+    bool broadcastInProgress() const { return m_fanOut->passActive(); }
 
 signals:
     void connected(QWebSocket *socket);

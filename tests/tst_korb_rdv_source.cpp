@@ -5,6 +5,7 @@
 #include "src/korb_rdv_udp_cli.h"
 #include "src/korb_rdv_wsserver.h"
 #include "support/rdv_test_encoder.h"
+#include "support/ws_test_client.h"
 
 #include <QTcpServer>
 #include <QTcpSocket>
@@ -40,6 +41,24 @@ L run(quint32 seq, qint8 group, std::initializer_list<int> times)
         out << dg(seq++, channel(group, ms));
     return out;
 }
+
+// Hands on to a real server, and counts the maps and those that came while a
+// pass of the broadcast was still under way.
+struct CountingSink : KorbRdvSink
+{
+    explicit CountingSink(WebSocketServer &s) : server(s) {}
+    int clientCount() const override { return server.clientCount(); }
+    void sendRdv(const RdvFrame *frame) override { server.sendRdv(frame); }
+    void sendRdv(const RdvChannelMap &channels) override
+    {
+        ++maps;
+        duringPass += server.broadcastInProgress();
+        server.sendRdv(channels);
+    }
+    WebSocketServer &server;
+    int maps = 0;
+    int duringPass = 0;
+};
 
 // The sources under test with their devices on loopback; `commands` drives both.
 struct Devices
@@ -98,6 +117,7 @@ private slots:
     void dumpsAndSilence_data();
     void dumpsAndSilence();
     void tcpReconnects();
+    void datagramsTakenDuringBroadcast();
 
 private:
     QTemporaryDir m_dir;
@@ -248,6 +268,43 @@ void TestKorbRdvSource::tcpReconnects()
     d.tcp->stop();                // stopped, it stays closed
     QTRY_COMPARE(d.peer->state(), QAbstractSocket::UnconnectedState);
     QVERIFY(!d.tcp->reconnectPending());
+}
+
+// A broadcast of large maps to many clients goes on in slices while datagrams
+// keep coming: datagrams are read between slices, none is lost, and every
+// client ends with the newest map.
+void TestKorbRdvSource::datagramsTakenDuringBroadcast()
+{
+    WebSocketServer server(nullptr, 0);
+    QVERIFY(server.listen(QHostAddress::LocalHost));
+    QObject owner;
+    QList<WsTestClient *> clients;
+    for (int i = 0; i < 32; ++i)
+        QVERIFY((clients << connectClient(server, &owner)).last());
+    CountingSink sink(server);
+    KorbRdvStreamerUdp udp(nullptr, &sink, &server, 0, 0);
+    udp.setLocalAddress(QHostAddress::LocalHost);
+    QUdpSocket device;
+    QVERIFY(udp.bind() && device.bind(QHostAddress(QHostAddress::LocalHost), 0));
+    // Full-size frames of 4 groups, 100 ms apart: each completes when the next opens.
+    QVector<QByteArray> latest(4);
+    for (int i = 0; i < 40; ++i) {
+        const QByteArray f = frame(channel(qint8(i % 4), 100 * i, 13000));
+        device.writeDatagram(datagram(quint32(i + 1), f), QHostAddress::LocalHost, udp.port1());
+        if (i < 39)
+            latest[i % 4] = f;
+    }
+    const auto keepLast = [&] {
+        for (WsTestClient *c : clients)
+            c->binaries.erase(c->binaries.begin(), c->binaries.end() - qMin(1, c->binaries.size()));
+        return true;
+    };
+    QTRY_VERIFY_WITH_TIMEOUT(keepLast() && udp.lastSequence(0) == 40, 10000);
+    QCOMPARE(sink.maps, 38); // frames 1 to 38: the first only starts the clock, the last is still open
+    QVERIFY(sink.duringPass > 0);
+    for (WsTestClient *c : clients)
+        QTRY_VERIFY_WITH_TIMEOUT(keepLast() && c->binaries == QByteArrayList{channelPacket(latest.toList())},
+                                 10000);
 }
 
 QTEST_GUILESS_MAIN(TestKorbRdvSource)

@@ -46,6 +46,7 @@ private slots:
     void stalledClientGetsOnlyFreshPackets();
     void unreadRepliesCloseWith1008();
     void clientLimitRefusesWith1013();
+    void totalBoundCutsOffFurthestBehind();
 
 private:
     WsTestClient *client() { return connectClient(*m_server, this); }
@@ -284,6 +285,31 @@ void TestRdvWsServer::clientLimitRefusesWith1013()
     QVERIFY(a && b && rawHandshake(extra, m_server->serverPort()));
     QCOMPARE(closeCodeReadBy(extra), int(WebSocketServer::CloseCodeTryAgainLater));
     QCOMPARE(m_server->clientCount(), 2);
+}
+
+// Two clients stall one after the other; with the total bound below what both
+// hold, the one that stalled first is cut off and the other stays.
+void TestRdvWsServer::totalBoundCutsOffFurthestBehind()
+{
+    const QByteArray big = frame(single(0, 13000));
+    const auto stallWithQueue = [&](QTcpSocket &raw) {
+        QWebSocket *side = stalled(raw);
+        for (int i = 0; side && i < 1000 && side->bytesToWrite() == 0; ++i) {
+            m_server->sendRdv(asFrame(big));
+            QCoreApplication::processEvents();
+        }
+        return side && side->bytesToWrite() > 0 ? side : nullptr;
+    };
+    QTcpSocket first, second;
+    QWebSocket *firstSide = stallWithQueue(first);
+    QWebSocket *secondSide = stallWithQueue(second);
+    QVERIFY(firstSide && secondSide);
+    QSignalSpy gone(m_server.get(), &WebSocketServer::disconnected);
+    m_server->setMaxQueuedBytes(firstSide->bytesToWrite() + secondSide->bytesToWrite() - 1);
+    m_server->sendRdv(asFrame(big));
+    QTRY_COMPARE(gone.count(), 1);
+    QCOMPARE(gone.at(0).at(0).value<QWebSocket *>(), firstSide);
+    QCOMPARE(m_server->clientCount(), 1);
 }
 
 QTEST_GUILESS_MAIN(TestRdvWsServer)

@@ -52,17 +52,17 @@ WebSocketServer::~WebSocketServer()
 {
     stopPlaybackTimer();
     for (const Client &client : qAsConst(m_clients))
-        client.tcp->disconnect(this);
+        client.tcp->socket()->disconnect(this);
     m_clients.clear();
     // Every client, in the table or on its way out, goes with the server;
     // their signals must not reach a server that is half destroyed. The
-    // sockets still in the handshake go with the listener.
+    // sockets still in the handshake go with their listeners.
     const auto sockets = findChildren<QWebSocket *>(QString(), Qt::FindDirectChildrenOnly);
     for (QWebSocket *socket : sockets) {
         socket->disconnect(this);
         delete socket;
     }
-    delete m_listener;
+    qDeleteAll(findChildren<KorbRdvWsListener *>(QString(), Qt::FindDirectChildrenOnly));
 }
 
 bool WebSocketServer::start(quint16 port)
@@ -110,7 +110,9 @@ quint16 WebSocketServer::serverPort() const
 
 void WebSocketServer::close()
 {
-    m_listener->close();
+    const auto listeners = findChildren<KorbRdvWsListener *>(QString(), Qt::FindDirectChildrenOnly);
+    for (KorbRdvWsListener *listener : listeners)
+        listener->close();
 }
 
 QString WebSocketServer::errorString() const
@@ -130,9 +132,16 @@ int WebSocketServer::clientCount() const
 
 // ---------------------------------------------------------------- client table
 
-void WebSocketServer::onAccepted(KorbRdvClientSocket *tcp)
+void WebSocketServer::addListener(KorbRdvWsListener *listener)
 {
-    m_handshakes.removeAll(QPointer<KorbRdvClientSocket>());
+    listener->setParent(this);
+    connect(listener, &KorbRdvWsListener::accepted, this, &WebSocketServer::onAccepted);
+}
+
+void WebSocketServer::onAccepted(KorbRdvClientLink *link)
+{
+    QTcpSocket *tcp = link->socket();
+    m_handshakes.removeAll(QPointer<QTcpSocket>());
     if (m_handshakes.size() >= m_maxClients) {
         // Before the handshake there is no WebSocket to say why.
         KLOGF(this, 1,
@@ -146,15 +155,16 @@ void WebSocketServer::onAccepted(KorbRdvClientSocket *tcp)
     handleConnection(tcp);
 }
 
-KorbRdvClientSocket *WebSocketServer::takeHandshake(const QWebSocket *socket)
+KorbRdvClientLink *WebSocketServer::takeHandshake(const QWebSocket *socket)
 {
-    // The WebSocket does not say which socket it took over; the peer's
-    // address and port do, since every connection ends at our one port.
+    // The WebSocket does not say which socket it took over; the two ends'
+    // addresses and ports do.
     for (int i = 0; i < m_handshakes.size(); ++i) {
-        KorbRdvClientSocket *tcp = m_handshakes.at(i);
-        if (tcp && tcp->peerPort() == socket->peerPort() && tcp->peerAddress() == socket->peerAddress()) {
+        QTcpSocket *tcp = m_handshakes.at(i);
+        if (tcp && tcp->peerPort() == socket->peerPort() && tcp->peerAddress() == socket->peerAddress() &&
+            tcp->localPort() == socket->localPort()) {
             m_handshakes.removeAt(i);
-            return tcp;
+            return dynamic_cast<KorbRdvClientLink *>(tcp);
         }
     }
     return nullptr;
@@ -169,7 +179,7 @@ void WebSocketServer::onNewConnection()
     // Owned by the server: sockets released with deleteLater that the event
     // loop never reaches again still go when the server goes.
     socket->setParent(this);
-    KorbRdvClientSocket *tcp = takeHandshake(socket);
+    KorbRdvClientLink *tcp = takeHandshake(socket);
     if (!tcp || m_clients.size() >= m_maxClients) {
         KLOGF(this, 1, tr("клиент отклонён: подключено предельное число клиентов (%1)").arg(m_maxClients));
         connect(socket, &QWebSocket::disconnected, socket, &QObject::deleteLater);
@@ -181,11 +191,9 @@ void WebSocketServer::onNewConnection()
     connect(socket, &QWebSocket::textMessageReceived, this, &WebSocketServer::onReadyReadT);
     connect(socket, &QWebSocket::binaryMessageReceived, this, &WebSocketServer::onReadyReadB);
     connect(socket, &QWebSocket::disconnected, this, &WebSocketServer::onDisconnected);
-    connect(tcp, &KorbRdvClientSocket::drained, this, [this, socket] { onClientDrained(socket); });
-    // Queued: the bound is found in the middle of a write of the WebSocket layer.
-    connect(
-        tcp, &KorbRdvClientSocket::replyBoundExceeded, this,
-        [this, guard = QPointer<QWebSocket>(socket)] { onReplyBoundExceeded(guard); }, Qt::QueuedConnection);
+    tcp->onDrained(this, [this, socket] { onClientDrained(socket); });
+    tcp->onReplyBoundExceeded(this,
+                              [this, guard = QPointer<QWebSocket>(socket)] { onReplyBoundExceeded(guard); });
     Client &client = m_clients[socket];
     client.tcp = tcp;
     client.seq = m_packetSeq; // a newcomer starts with the next packet
@@ -389,7 +397,7 @@ void WebSocketServer::endPass()
 
 void WebSocketServer::handOut(const QWebSocket *socket, Client &client)
 {
-    if (client.tcp->state() != QAbstractSocket::ConnectedState) {
+    if (client.tcp->socket()->state() != QAbstractSocket::ConnectedState) {
         client.seq = m_packetSeq;
         return;
     }
@@ -425,7 +433,7 @@ void WebSocketServer::give(const QWebSocket *socket, Client &client, const QByte
 void WebSocketServer::writeWaiting(Client &client)
 {
     if (client.waiting.isEmpty() || !client.tcp->idle() ||
-        client.tcp->state() != QAbstractSocket::ConnectedState)
+        client.tcp->socket()->state() != QAbstractSocket::ConnectedState)
         return;
     client.tcp->writePacket(client.waiting);
     client.waiting.clear();

@@ -15,8 +15,9 @@
 #include <cstdlib>
 #include <memory>
 
-class KorbRdvClientSocket;
+class KorbRdvClientLink;
 class KorbRdvWsListener;
+class QTcpSocket;
 class QTimerEvent;
 
 // The daemon's only outward data interface: a plain WebSocket server that
@@ -85,6 +86,12 @@ public:
     bool removeClient(quint64 descriptor);
     int clientCount() const override;
 
+    // Another listener of the relay (the TLS port's): its connections join
+    // the same handshake and client table as the plain port's. The server
+    // takes it as a child, closes it with the plain one and deletes it after
+    // the clients, whose sockets it may own.
+    void addListener(KorbRdvWsListener *listener);
+
     void sendRdv(const RdvFrame *frame) override;
     void sendRdv(const RdvChannelMap &channels) override;
 
@@ -146,7 +153,7 @@ private:
     // (in its socket) plus the newest one waiting here.
     struct Client
     {
-        KorbRdvClientSocket *tcp = nullptr;
+        KorbRdvClientLink *tcp = nullptr;
         QByteArray waiting;
         quint64 seq = 0; // newest packet handed over, written or waiting
         qint64 replaced = 0;
@@ -157,8 +164,8 @@ private:
     void restartPlayback();
     void stopPlaybackTimer();
     void resetPass();
-    void onAccepted(KorbRdvClientSocket *tcp);
-    KorbRdvClientSocket *takeHandshake(const QWebSocket *socket);
+    void onAccepted(KorbRdvClientLink *link);
+    KorbRdvClientLink *takeHandshake(const QWebSocket *socket);
     void dismiss(QWebSocket *socket, QWebSocketProtocol::CloseCode code, const QString &reason);
     void dropFromTable(QWebSocket *socket);
     void onReplyBoundExceeded(QWebSocket *socket);
@@ -202,7 +209,7 @@ private:
     int m_lastPacketSize = 0;
 
     KorbRdvWsListener *m_listener;
-    QList<QPointer<KorbRdvClientSocket>> m_handshakes;
+    QList<QPointer<QTcpSocket>> m_handshakes;
     int m_maxClients = DefaultMaxClients;
     qint64 m_maxQueuedBytes = DefaultMaxQueuedBytes;
     // The client table, ordered by socket pointer: broadcasts visit it in that order.

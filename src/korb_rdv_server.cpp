@@ -6,6 +6,7 @@
 #include "src/korb_host_port.h"
 #include "src/korb_rdv_settings.h"
 #include "src/korb_rdv_tcp_cli.h"
+#include "src/korb_rdv_tls_listener.h"
 #include "src/korb_rdv_udp_cli.h"
 #include "src/korb_rdv_wsserver.h"
 
@@ -100,6 +101,9 @@ KorbRdvStreamer::KorbRdvStreamer(QObject *parent, bool underService, const QStri
              tr("не удалось открыть порт WebSocket %1: %2").arg(m_port).arg(m_server->errorString()));
         m_fatal = true;
     }
+    // The TLS port fails on its own: the plain one serves whatever becomes of it.
+    if (m_securePort && !m_fatal)
+        KorbRdvTlsListener::open(m_server, m_securePort, Korb::tlsFiles(m_noFile ? QString() : m_configFile));
     if (m_replay && !m_server->setFileNm(m_replayFile))
         KLOG(this, 0, tr("файл воспроизведения не загружен: %1").arg(m_replayFile));
 
@@ -212,8 +216,14 @@ void KorbRdvStreamer::parseArguments(const QStringList &args)
                     KorbLoggerLight::instance()->setCodec(codec);
             }
         } else if (a.compare(QLatin1String("-ps"), Qt::CaseInsensitive) == 0) {
-            if (nextIsValue(args, i))
-                ++i; // a port for a secure server this relay does not offer
+            if (nextIsValue(args, i)) {
+                const QString text = args.at(++i);
+                uint v = 0;
+                if (parsePortValue(text, &v) && v >= 1 && v <= 65535)
+                    m_securePort = quint16(v);
+                else
+                    KTRACE << "err arg ps: " << text;
+            }
         }
     }
     if (m_configFile.isEmpty())

@@ -48,6 +48,8 @@ public:
 
     // What the command line settled (read by the service wrapper and tests).
     quint16 port() const { return m_port; }
+    // The TLS port (-ps), 0 for none.
+    quint16 securePort() const { return m_securePort; }
     QString deviceHost() const { return m_deviceHost; }
     quint16 devicePort() const { return m_devicePort; }
     bool replay() const { return m_replay; }
@@ -96,6 +98,7 @@ private:
     qint8 m_serviceFlag = 0;
     QString m_serviceName;
     quint16 m_port = 0;
+    quint16 m_securePort = 0;
     bool m_noFile = false;
     bool m_replay = false;
     bool m_ltGiven = false;

@@ -74,8 +74,11 @@ bool rawHandshake(QTcpSocket &socket, quint16 port)
 {
     socket.setProxy(QNetworkProxy::NoProxy);
     socket.connectToHost(QHostAddress::LocalHost, port);
-    if (!socket.waitForConnected(5000))
-        return false;
+    return socket.waitForConnected(5000) && rawUpgrade(socket);
+}
+
+bool rawUpgrade(QTcpSocket &socket)
+{
     socket.write("GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
                  "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n\r\n");
     if (!QTest::qWaitFor([&] { return socket.peek(4096).contains("\r\n\r\n"); }, 5000))

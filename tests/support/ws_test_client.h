@@ -28,6 +28,8 @@ QWebSocket *socketArg(const QList<QVariant> &args);
 // A plain TCP socket as a WebSocket client whose reading the test controls:
 // connects to 127.0.0.1:port and completes the handshake by hand.
 bool rawHandshake(QTcpSocket &socket, quint16 port);
+// The handshake by hand on a socket already connected (and encrypted, for TLS).
+bool rawUpgrade(QTcpSocket &socket);
 // A client frame (FIN, masked with a zero key) of the given opcode.
 QByteArray clientFrame(int opcode, const QByteArray &payload);
 struct WsFrame

@@ -1,0 +1,86 @@
+#include "src/korb_rdv_tls_listener.h"
+
+#include "logger/korb_log.h"
+#include "src/korb_rdv_tls_socket.h"
+#include "src/korb_rdv_wsserver.h"
+
+#include <QTimer>
+
+#include <unistd.h>
+
+KorbRdvTlsListener *KorbRdvTlsListener::open(WebSocketServer *server, quint16 port,
+                                             const Korb::TlsFiles &files)
+{
+    QSslConfiguration configuration;
+    QString error;
+    if (!Korb::tlsServerConfiguration(files, &configuration, &error)) {
+        KLOG(server, 0, tr("порт WebSocket TLS %1 не открыт: %2").arg(port).arg(error));
+        return nullptr;
+    }
+    auto *listener = new KorbRdvTlsListener(server, WebSocketServer::MaxClientReplyBacklog, configuration,
+                                            server->maxClients());
+    if (!listener->listen(QHostAddress::Any, port)) {
+        KLOG(server, 0, tr("порт WebSocket TLS %1 не открыт: %2").arg(port).arg(listener->errorString()));
+        delete listener;
+        return nullptr;
+    }
+    server->addListener(listener);
+    KLOG(server, 1,
+         tr("порт WebSocket TLS %1 открыт, сертификат %2 действителен до %3")
+             .arg(port)
+             .arg(files.certificate, configuration.localCertificate().expiryDate().toString(Qt::ISODate)));
+    return listener;
+}
+
+KorbRdvTlsListener::KorbRdvTlsListener(QObject *parent, qint64 replyBound,
+                                       const QSslConfiguration &configuration, int maxHandshakes)
+    : KorbRdvWsListener(parent, replyBound), m_configuration(configuration), m_maxHandshakes(maxHandshakes)
+{
+}
+
+void KorbRdvTlsListener::incomingConnection(qintptr descriptor)
+{
+    m_handshakes.removeAll(QPointer<KorbRdvTlsSocket>());
+    if (m_handshakes.size() >= m_maxHandshakes) {
+        KLOGF(this, 1, tr("соединение TLS отклонено: %1 соединений ещё в рукопожатии").arg(m_maxHandshakes));
+        ::close(int(descriptor));
+        return;
+    }
+    auto *socket = new KorbRdvTlsSocket(this, replyBound());
+    if (!socket->setSocketDescriptor(descriptor)) {
+        delete socket;
+        ::close(int(descriptor)); // the socket never took it over
+        return;
+    }
+    m_handshakes.append(socket);
+    socket->setSslConfiguration(m_configuration);
+    socket->setReadBufferSize(WebSocketServer::ClientReadBufferSize);
+    connect(socket, &QSslSocket::encrypted, this, [this, socket] { onEncrypted(socket); });
+    connect(socket, &QAbstractSocket::errorOccurred, this, [this, socket] {
+        if (!socket->upgraded())
+            fail(socket, socket->errorString());
+    });
+    QTimer::singleShot(HandshakeTimeoutMs, socket, [this, socket] {
+        if (!socket->upgraded())
+            fail(socket, tr("не завершено за %1 мс").arg(HandshakeTimeoutMs));
+    });
+    socket->startServerEncryption();
+}
+
+void KorbRdvTlsListener::onEncrypted(KorbRdvTlsSocket *socket)
+{
+    m_handshakes.removeAll(socket);
+    // At once: the client's upgrade request may follow in the same read.
+    emit accepted(socket);
+}
+
+void KorbRdvTlsListener::fail(KorbRdvTlsSocket *socket, const QString &reason)
+{
+    // The peer's port is left out, so that one client's retries fold into one line.
+    KLOGF(this, 1,
+          tr("рукопожатие TLS с %1 не состоялось: %2").arg(socket->peerAddress().toString(), reason));
+    m_handshakes.removeAll(socket);
+    socket->disconnect(this);
+    socket->abort();
+    socket->deleteLater();
+}

@@ -11,7 +11,8 @@ SUDO  := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
 # Debian packages the build and the tests need.
 # dpkg-dev and file: the package's dependencies are read from its binaries.
-DEB_PACKAGES := cmake g++ make qtbase5-dev libqt5websockets5-dev util-linux dpkg-dev file
+# openssl: the TLS tests make a throwaway certificate with it.
+DEB_PACKAGES := cmake g++ make qtbase5-dev libqt5websockets5-dev util-linux dpkg-dev file openssl
 # The browser viewer's tests also want node, npm and chromium (installed
 # below when their commands are missing); where they cannot be had, those
 # tests skip. lintian, which the package test runs, is installed the same way.

@@ -11,18 +11,20 @@
 KorbRdvTlsListener *KorbRdvTlsListener::open(WebSocketServer *server, quint16 port,
                                              const Korb::TlsFiles &files)
 {
+    const auto refused = [server, port](const QString &why) {
+        KLOG(server, 0, tr("порт WebSocket TLS %1 не открыт: %2").arg(port).arg(why));
+        return nullptr;
+    };
     QSslConfiguration configuration;
     QString error;
-    if (!Korb::tlsServerConfiguration(files, &configuration, &error)) {
-        KLOG(server, 0, tr("порт WebSocket TLS %1 не открыт: %2").arg(port).arg(error));
-        return nullptr;
-    }
+    if (!Korb::tlsServerConfiguration(files, &configuration, &error))
+        return refused(error);
     auto *listener = new KorbRdvTlsListener(server, WebSocketServer::MaxClientReplyBacklog, configuration,
                                             server->maxClients());
     if (!listener->listen(QHostAddress::Any, port)) {
-        KLOG(server, 0, tr("порт WebSocket TLS %1 не открыт: %2").arg(port).arg(listener->errorString()));
+        error = listener->errorString();
         delete listener;
-        return nullptr;
+        return refused(error);
     }
     server->addListener(listener);
     KLOG(server, 1,

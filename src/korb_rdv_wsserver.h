@@ -20,10 +20,11 @@ class KorbRdvWsListener;
 class QTcpSocket;
 class QTimerEvent;
 
-// The daemon's only outward data interface: a plain WebSocket server that
-// keeps a table of its clients, broadcasts the binary Rdv packets built from
-// the device frames, answers the clients' text commands and, when a recorded
-// file is loaded, replays it to the clients at the pace of its own time stamps.
+// The daemon's only outward data interface: a WebSocket server (plain, and
+// TLS through a listener added to it) that keeps a table of its clients,
+// broadcasts the binary Rdv packets built from the device frames, answers the
+// clients' text commands and, when a recorded file is loaded, replays it to
+// the clients at the pace of its own time stamps.
 class WebSocketServer : public QWebSocketServer, public KorbRdvSink
 {
     Q_OBJECT

@@ -128,6 +128,24 @@ int WebSocketServer::clientCount() const
     return m_clients.size();
 }
 
+int WebSocketServer::consumerCount() const
+{
+    return m_clients.size() + m_externalConsumers;
+}
+
+void WebSocketServer::setExternalConsumers(int count)
+{
+    const bool had = consumerCount() > 0;
+    m_externalConsumers = qMax(0, count);
+    // Playback runs while anybody takes its packets, clients or not.
+    if (!m_file.isOpen() || had == (consumerCount() > 0))
+        return;
+    if (had)
+        stopPlaybackTimer();
+    else
+        restartPlayback();
+}
+
 // ---------------------------------------------------------------- client table
 
 void WebSocketServer::onAccepted(KorbRdvClientSocket *tcp)
@@ -192,7 +210,7 @@ void WebSocketServer::onNewConnection()
     emit connected(socket);
     KTRACE << "client" << descriptorOf(socket) << socket->peerAddress().toString() << socket->peerPort()
            << "clients:" << m_clients.size();
-    if (m_file.isOpen() && m_clients.size() <= 1)
+    if (m_file.isOpen() && consumerCount() <= 1)
         restartPlayback();
 }
 
@@ -207,7 +225,7 @@ void WebSocketServer::onDisconnected()
     emit disconnected(socket);
     KTRACE << "client gone" << descriptorOf(socket) << "replaced packets:" << replaced
            << "clients:" << m_clients.size();
-    if (m_clients.isEmpty())
+    if (consumerCount() == 0)
         stopPlaybackTimer();
 }
 
@@ -224,7 +242,7 @@ bool WebSocketServer::removeClient(quint64 descriptor)
     key->deleteLater();
     // Deliberately "at most one": the last remaining listener does not keep
     // playback going after an explicit removal.
-    if (m_clients.size() <= 1)
+    if (consumerCount() <= 1)
         stopPlaybackTimer();
     return true;
 }
@@ -239,7 +257,7 @@ void WebSocketServer::dismiss(QWebSocket *socket, QWebSocketProtocol::CloseCode 
 void WebSocketServer::dropFromTable(QWebSocket *socket)
 {
     m_clients.remove(socket);
-    if (m_clients.isEmpty())
+    if (consumerCount() == 0)
         stopPlaybackTimer();
 }
 
@@ -321,6 +339,7 @@ void WebSocketServer::sendAllClients(const QVariant &data)
 // first client. A client busy writing keeps only the newest one waiting.
 void WebSocketServer::broadcastBinary(const QByteArray &packet)
 {
+    emit binaryBroadcast(packet);
     m_packetFrame = Rdv::wsBinaryFrame(packet);
     ++m_packetSeq;
     if (!m_passActive) {
@@ -470,7 +489,7 @@ void WebSocketServer::enforceQueuedBound()
 
 void WebSocketServer::sendRdv(const RdvFrame *frame)
 {
-    if (!frame || m_clients.isEmpty())
+    if (!frame || consumerCount() == 0)
         return;
     const QByteArray packet = Rdv::buildPacket(frame);
     m_lastPacketSize = packet.size();
@@ -480,7 +499,7 @@ void WebSocketServer::sendRdv(const RdvFrame *frame)
 
 void WebSocketServer::sendRdv(const RdvChannelMap &channels)
 {
-    if (m_clients.isEmpty())
+    if (consumerCount() == 0)
         return;
     bool oversize = false;
     const QByteArray packet = Rdv::buildPacket(channels, &oversize);
@@ -601,7 +620,7 @@ bool WebSocketServer::setFileNm(const QString &name)
     }
     m_loadedSize = int(qMin<qint64>(size, pos));
     KTRACE << "playback file" << name << m_loadedSize << "bytes";
-    if (!m_clients.isEmpty())
+    if (consumerCount() > 0)
         restartPlayback();
     return true;
 }
@@ -724,7 +743,7 @@ void WebSocketServer::playbackStep()
 
     if (due > 0) {
         int sentFrames = 0;
-        if (!m_clients.isEmpty()) {
+        if (consumerCount() > 0) {
             m_lastPacketSize = 0;
             // When both kinds fell due in this step, take turns, so that
             // neither the channel groups nor the single frames starve.

@@ -84,6 +84,11 @@ public:
     void sendAllClients(const QVariant &data);
     bool removeClient(quint64 descriptor);
     int clientCount() const override;
+    // Clients plus the consumers outside the table (a broker link that
+    // publishes the packets): packets are built, and playback runs, while
+    // there is any.
+    int consumerCount() const override;
+    void setExternalConsumers(int count);
 
     void sendRdv(const RdvFrame *frame) override;
     void sendRdv(const RdvChannelMap &channels) override;
@@ -116,6 +121,8 @@ signals:
     void readyRead(const QVariant &message, QWebSocket *socket);
     void runCmd(const QString &cmd);
     void runCmd(quint16 intervalMs);
+    // Every binary message handed to the broadcast, as the clients get it.
+    void binaryBroadcast(const QByteArray &packet);
 
 public slots:
     void onReadyReadT(const QString &message);
@@ -204,6 +211,7 @@ private:
     KorbRdvWsListener *m_listener;
     QList<QPointer<KorbRdvClientSocket>> m_handshakes;
     int m_maxClients = DefaultMaxClients;
+    int m_externalConsumers = 0;
     qint64 m_maxQueuedBytes = DefaultMaxQueuedBytes;
     // The client table, ordered by socket pointer: broadcasts visit it in that order.
     QMap<QWebSocket *, Client> m_clients;

@@ -7,6 +7,8 @@
 
 #include <QCoreApplication>
 
+#include <utility>
+
 KorbRdvMqttEdge::KorbRdvMqttEdge(QObject *parent, WebSocketServer *server, const QString &instance,
                                  const QByteArray &topic)
     : KorbRdvSource(parent, server, server, 0), m_server(server),
@@ -17,6 +19,9 @@ KorbRdvMqttEdge::KorbRdvMqttEdge(QObject *parent, WebSocketServer *server, const
     setObjectName(QStringLiteral("mqtt_edge"));
     m_link->setSubscription(topic);
     connect(m_link, &KorbRdvMqttLink::message, this, &KorbRdvMqttEdge::take);
+    m_release.setSingleShot(true);
+    m_release.setTimerType(Qt::PreciseTimer);
+    connect(&m_release, &QTimer::timeout, this, &KorbRdvMqttEdge::release);
 }
 
 bool KorbRdvMqttEdge::parseSource(const QString &text, QString *host, quint16 *port, QByteArray *topic)
@@ -42,8 +47,9 @@ bool KorbRdvMqttEdge::receiving() const
 void KorbRdvMqttEdge::take(const QByteArray &topic, const QByteArray &packet)
 {
     ++m_received;
-    quint64 ms = 0;
-    if (!Rdv::packetTimeMs(packet, &ms)) {
+    // Only what reads as a relay's packet goes to the clients.
+    quint64 stamp = 0;
+    if (!Rdv::packetTimeMs(packet, &stamp)) {
         ++m_refused;
         KLOGF(this, 1,
               tr("MQTT: сообщение %1 (%2 байт) не является пакетом Rdv и отброшено")
@@ -51,9 +57,32 @@ void KorbRdvMqttEdge::take(const QByteArray &topic, const QByteArray &packet)
                   .arg(packet.size()));
         return;
     }
-    // Nothing is handed on while nobody takes it, and the gate stays where it was.
-    if (!m_scan.clientsPresent() || !m_scan.gate(ms))
+    // Nothing is handed on while nobody takes it.
+    if (!m_scan.clientsPresent())
         return;
+    const qint64 interval = m_scan.sendIntervalMs();
+    const qint64 wait = m_sinceForward.isValid() ? interval - m_sinceForward.elapsed() : 0;
+    if (wait <= 0 && !m_release.isActive()) {
+        forward(packet);
+        return;
+    }
+    if (!m_held.isEmpty())
+        ++m_replaced;
+    m_held = packet;
+    if (!m_release.isActive())
+        m_release.start(int(qMax<qint64>(wait, 0)));
+}
+
+void KorbRdvMqttEdge::release()
+{
+    const QByteArray packet = std::exchange(m_held, QByteArray());
+    if (!packet.isEmpty() && m_scan.clientsPresent())
+        forward(packet);
+}
+
+void KorbRdvMqttEdge::forward(const QByteArray &packet)
+{
+    m_sinceForward.restart();
     ++m_forwarded;
     m_server->sendAllClients(packet);
 }

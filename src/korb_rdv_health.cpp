@@ -5,6 +5,7 @@
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QMetaMethod>
 
 #include <sys/stat.h>
 
@@ -59,6 +60,10 @@ QString KorbRdvHealth::logLine(const Figures &f) const
 
 void KorbRdvHealth::sample()
 {
+    // Read each second only where a broker link carries the figures.
+    if (!isSignalConnected(QMetaMethod::fromSignal(&KorbRdvHealth::sampled)) &&
+        m_sinceLog.elapsed() < LogIntervalMs)
+        return;
     const Figures f = m_sampler();
     emit sampled(json(f));
     if (m_sinceLog.elapsed() >= LogIntervalMs) {

@@ -241,8 +241,8 @@ bool WebSocketServer::removeClient(quint64 descriptor)
     key->close(QWebSocketProtocol::CloseCodeNormal, QString());
     key->deleteLater();
     // Deliberately "at most one": the last remaining listener does not keep
-    // playback going after an explicit removal.
-    if (consumerCount() <= 1)
+    // playback going after an explicit removal; a broker link still does.
+    if (m_clients.size() <= 1 && m_externalConsumers == 0)
         stopPlaybackTimer();
     return true;
 }

@@ -101,8 +101,9 @@ row() {
     p50=$(awk -v v="$(field lat_p50_us "$r")" 'BEGIN { printf "%.1f", v / 1000 }')
     p99=$(awk -v v="$(field lat_p99_us "$r")" 'BEGIN { printf "%.1f", v / 1000 }')
   fi
-  rows+=("$(printf '%-5s %-14s %-10s %5s/%-5s %8.1f %8.1f %9s %9s %6s' "$1" "$2" "$3" \
-    "$(field open "$r")" "$(field n "$r")" "$(field mbps "$r")" "$(field mps_med "$r")" "$p50" "$p99" "$5")")
+  rows+=("$(printf '%-5s %-14s %-10s %5s/%-5s %8.1f %8.1f %9s %9s %6s %8s' "$1" "$2" "$3" \
+    "$(field open "$r")" "$(field n "$r")" "$(field mbps "$r")" "$(field mps_med "$r")" "$p50" "$p99" "$5" \
+    "$(field client_cpu_pct "$r")")")
 }
 
 run_edges() {
@@ -160,6 +161,8 @@ done
 echo "load after:  $(cut -d' ' -f1-3 /proc/loadavg)"
 echo
 echo "MB = 1e6 bytes of packets delivered to the relay's reading clients; msg/s = median per client;"
-echo "latency = client receipt - device stamp (tcp feed only); CPU = % of one core over the window"
-printf '%-5s %-14s %-10s %11s %8s %8s %9s %9s %6s\n' feed topology relay open/n "MB/s" "msg/s" "p50 ms" "p99 ms" "CPU%"
+echo "latency = client receipt - device stamp (tcp feed only); CPU = % of one core over the window,"
+echo "of the relay (or broker) and of the wsswarm process reading from it"
+printf '%-5s %-14s %-10s %11s %8s %8s %9s %9s %6s %8s\n' feed topology relay open/n "MB/s" "msg/s" "p50 ms" "p99 ms" \
+  "CPU%" "cli CPU%"
 for r in "${rows[@]}"; do echo "$r"; done

@@ -50,6 +50,36 @@ inline double readU64AsDouble(const void *f, std::size_t offset)
     return double(readLE<quint64>(f, offset));
 }
 
+inline double readF64(const void *f, std::size_t offset)
+{
+    const quint64 bits = readLE<quint64>(f, offset);
+    double v;
+    std::memcpy(&v, &bits, sizeof v);
+    return v;
+}
+
+// The four fixed words after a block's length word.
+bool hasTag(const char *block, const qint16 (&tag)[4])
+{
+    for (int i = 0; i < 4; ++i) {
+        if (readLE<qint16>(block, std::size_t(2 + 2 * i)) != tag[i])
+            return false;
+    }
+    return true;
+}
+
+// A stamp as the packets carry it: whole milliseconds well inside the range
+// of a double's integers; anything else is no stamp of a relay.
+bool readStamp(const char *block, int offset, quint64 *ms)
+{
+    constexpr double LargestStampMs = 9007199254740992.0; // 2^53
+    const double v = readF64(block, std::size_t(offset));
+    if (!(v >= 0.0 && v <= LargestStampMs))
+        return false;
+    *ms = quint64(v);
+    return true;
+}
+
 inline double rate(quint32 timeSub)
 {
     // Deliberately unguarded: a zero sub-second part gives +infinity.
@@ -169,6 +199,34 @@ QByteArray buildPacket(const RdvChannelMap &channels, bool *oversize)
     }
     Q_ASSERT(out.size() == total);
     return out;
+}
+
+bool packetTimeMs(const QByteArray &packet, quint64 *ms)
+{
+    const int size = packet.size();
+    const char *const data = packet.constData();
+    if (size < LayoutProbeSize || size > MaxPacketSize)
+        return false;
+    if (hasTag(data, PacketTag))
+        return size >= PacketHeaderSize && readStamp(data, PacketTimeOffset, ms);
+    // Channel sub-blocks are never longer than their 16-bit length word can
+    // say, so the words lead from one to the next.
+    quint64 newest = 0;
+    for (int pos = 0; pos < size;) {
+        const char *const block = data + pos;
+        const int rest = size - pos;
+        quint64 stamp = 0;
+        if (rest < ChannelBlockHeaderSize || !hasTag(block, ChannelBlockTag))
+            return false;
+        const int length = readLE<quint16>(block, 0);
+        if (length < ChannelBlockHeaderSize || length > rest ||
+            !readStamp(block, ChannelBlockTimeOffset, &stamp))
+            return false;
+        newest = qMax(newest, stamp);
+        pos += length;
+    }
+    *ms = newest;
+    return true;
 }
 
 } // namespace Rdv

@@ -22,4 +22,10 @@ QByteArray buildPacket(const RdvFrame *frame);
 // than its 16-bit length word can say. Null map entries are passed over.
 QByteArray buildPacket(const RdvChannelMap &channels, bool *oversize = nullptr);
 
+// The newest time stamp (ms) of a packet as built above: the single frame's,
+// or the largest of the channel sub-blocks' (the frame that opened the rate
+// gate). False for bytes that are no such packet: an unknown layout, a
+// sub-block cut short, or a packet larger than MaxPacketSize.
+bool packetTimeMs(const QByteArray &packet, quint64 *ms);
+
 } // namespace Rdv

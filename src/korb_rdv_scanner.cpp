@@ -108,6 +108,7 @@ int KorbRdvScanner::findHeader(const char *buf, int from, int last, Search how)
 
 void KorbRdvScanner::noteFrame(const char *frame)
 {
+    ++m_framesAccepted;
     m_frameSize = Rdv::frameLength(frame);
     m_lastFrameTime = quint64(Rdv::secondsSince2000(frame));
     m_lastKind = Rdv::kind(frame);
@@ -117,7 +118,7 @@ void KorbRdvScanner::noteFrame(const char *frame)
 
 bool KorbRdvScanner::clientsPresent() const
 {
-    return m_sink && m_sink->clientCount() > 0;
+    return m_sink && m_sink->consumerCount() > 0;
 }
 
 bool KorbRdvScanner::gate(quint64 ms)

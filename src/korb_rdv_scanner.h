@@ -65,6 +65,8 @@ public:
     RdvChannelMap &map() { return m_map; }
     const RdvChannelMap &map() const { return m_map; }
     QElapsedTimer &throughputClock() { return m_throughput; }
+    // Frames accepted (noteFrame) since the scanner was made, for the health figures.
+    qint64 framesAccepted() const { return m_framesAccepted; }
 
     // Scans from the scan position to the fill end, accepts frames and
     // hands them to the sink through the rate gate. With `verbose` the
@@ -75,7 +77,7 @@ public:
     // kind, and the first frame's time as the last sent time (so the very
     // first frame is never sent).
     void noteFrame(const char *frame);
-    // Whether the sink has at least one client.
+    // Whether the sink has at least one consumer (a client, a broker link).
     bool clientsPresent() const;
     // The rate gate: opens when `ms` lies strictly more than the send
     // interval after the last sent time, compared as an unsigned 64-bit
@@ -123,4 +125,5 @@ private:
     RdvChannelMap m_map;
     QElapsedTimer m_throughput;
     Search m_search = Search::Simd;
+    qint64 m_framesAccepted = 0;
 };

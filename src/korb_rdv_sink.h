@@ -10,6 +10,8 @@ class KorbRdvSink
 public:
     virtual ~KorbRdvSink() = default;
     virtual int clientCount() const = 0;
+    // Whoever takes the packets, the clients and anything beside them.
+    virtual int consumerCount() const { return clientCount(); }
     virtual void sendRdv(const RdvFrame *frame) = 0;
     virtual void sendRdv(const RdvChannelMap &channels) = 0;
 };

@@ -130,6 +130,24 @@ int WebSocketServer::clientCount() const
     return m_clients.size();
 }
 
+int WebSocketServer::consumerCount() const
+{
+    return m_clients.size() + m_externalConsumers;
+}
+
+void WebSocketServer::setExternalConsumers(int count)
+{
+    const bool had = consumerCount() > 0;
+    m_externalConsumers = qMax(0, count);
+    // Playback runs while anybody takes its packets, clients or not.
+    if (!m_file.isOpen() || had == (consumerCount() > 0))
+        return;
+    if (had)
+        stopPlaybackTimer();
+    else
+        restartPlayback();
+}
+
 // ---------------------------------------------------------------- client table
 
 void WebSocketServer::addListener(KorbRdvWsListener *listener)
@@ -200,7 +218,7 @@ void WebSocketServer::onNewConnection()
     emit connected(socket);
     KTRACE << "client" << descriptorOf(socket) << socket->peerAddress().toString() << socket->peerPort()
            << "clients:" << m_clients.size();
-    if (m_file.isOpen() && m_clients.size() <= 1)
+    if (m_file.isOpen() && consumerCount() <= 1)
         restartPlayback();
 }
 
@@ -215,7 +233,7 @@ void WebSocketServer::onDisconnected()
     emit disconnected(socket);
     KTRACE << "client gone" << descriptorOf(socket) << "replaced packets:" << replaced
            << "clients:" << m_clients.size();
-    if (m_clients.isEmpty())
+    if (consumerCount() == 0)
         stopPlaybackTimer();
 }
 
@@ -231,8 +249,8 @@ bool WebSocketServer::removeClient(quint64 descriptor)
     key->close(QWebSocketProtocol::CloseCodeNormal, QString());
     key->deleteLater();
     // Deliberately "at most one": the last remaining listener does not keep
-    // playback going after an explicit removal.
-    if (m_clients.size() <= 1)
+    // playback going after an explicit removal; a broker link still does.
+    if (m_clients.size() <= 1 && m_externalConsumers == 0)
         stopPlaybackTimer();
     return true;
 }
@@ -247,7 +265,7 @@ void WebSocketServer::dismiss(QWebSocket *socket, QWebSocketProtocol::CloseCode 
 void WebSocketServer::dropFromTable(QWebSocket *socket)
 {
     m_clients.remove(socket);
-    if (m_clients.isEmpty())
+    if (consumerCount() == 0)
         stopPlaybackTimer();
 }
 
@@ -329,6 +347,7 @@ void WebSocketServer::sendAllClients(const QVariant &data)
 // first client. A client busy writing keeps only the newest one waiting.
 void WebSocketServer::broadcastBinary(const QByteArray &packet)
 {
+    emit binaryBroadcast(packet);
     m_packetFrame = Rdv::wsBinaryFrame(packet);
     ++m_packetSeq;
     if (!m_passActive) {
@@ -478,7 +497,7 @@ void WebSocketServer::enforceQueuedBound()
 
 void WebSocketServer::sendRdv(const RdvFrame *frame)
 {
-    if (!frame || m_clients.isEmpty())
+    if (!frame || consumerCount() == 0)
         return;
     const QByteArray packet = Rdv::buildPacket(frame);
     m_lastPacketSize = packet.size();
@@ -488,7 +507,7 @@ void WebSocketServer::sendRdv(const RdvFrame *frame)
 
 void WebSocketServer::sendRdv(const RdvChannelMap &channels)
 {
-    if (m_clients.isEmpty())
+    if (consumerCount() == 0)
         return;
     bool oversize = false;
     const QByteArray packet = Rdv::buildPacket(channels, &oversize);
@@ -609,7 +628,7 @@ bool WebSocketServer::setFileNm(const QString &name)
     }
     m_loadedSize = int(qMin<qint64>(size, pos));
     KTRACE << "playback file" << name << m_loadedSize << "bytes";
-    if (!m_clients.isEmpty())
+    if (consumerCount() > 0)
         restartPlayback();
     return true;
 }
@@ -732,7 +751,7 @@ void WebSocketServer::playbackStep()
 
     if (due > 0) {
         int sentFrames = 0;
-        if (!m_clients.isEmpty()) {
+        if (consumerCount() > 0) {
             m_lastPacketSize = 0;
             // When both kinds fell due in this step, take turns, so that
             // neither the channel groups nor the single frames starve.

@@ -86,6 +86,11 @@ public:
     void sendAllClients(const QVariant &data);
     bool removeClient(quint64 descriptor);
     int clientCount() const override;
+    // Clients plus the consumers outside the table (a broker link that
+    // publishes the packets): packets are built, and playback runs, while
+    // there is any.
+    int consumerCount() const override;
+    void setExternalConsumers(int count);
 
     // Another listener of the relay (the TLS port's): its connections join
     // the same handshake and client table as the plain port's. The server
@@ -124,6 +129,8 @@ signals:
     void readyRead(const QVariant &message, QWebSocket *socket);
     void runCmd(const QString &cmd);
     void runCmd(quint16 intervalMs);
+    // Every binary message handed to the broadcast, as the clients get it.
+    void binaryBroadcast(const QByteArray &packet);
 
 public slots:
     void onReadyReadT(const QString &message);
@@ -212,6 +219,7 @@ private:
     KorbRdvWsListener *m_listener;
     QList<QPointer<QTcpSocket>> m_handshakes;
     int m_maxClients = DefaultMaxClients;
+    int m_externalConsumers = 0;
     qint64 m_maxQueuedBytes = DefaultMaxQueuedBytes;
     // The client table, ordered by socket pointer: broadcasts visit it in that order.
     QMap<QWebSocket *, Client> m_clients;

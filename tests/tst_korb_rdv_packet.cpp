@@ -47,6 +47,8 @@ private slots:
     void timeStampAndRate();
     void channelMap_data();
     void channelMap();
+    void newestStamp_data();
+    void newestStamp();
 };
 
 void TestRdvPacket::singleFrame_data()
@@ -193,6 +195,39 @@ void TestRdvPacket::channelMap()
         pos += len;
     }
     QCOMPARE(pos, packet.size());
+}
+
+// What an edge relay reads from a packet it did not build.
+void TestRdvPacket::newestStamp_data()
+{
+    QTest::addColumn<QByteArray>("packet");
+    QTest::addColumn<bool>("ok");
+    QTest::addColumn<quint64>("ms");
+
+    const QByteArray channels = RdvTest::expectedChannelPacket({RdvTest::channelFrame(1, 3, 10, 0),
+                                                                RdvTest::channelFrame(2, 300, 12, 5000000),
+                                                                RdvTest::channelFrame(3, 3, 11, 0)});
+    QTest::newRow("single frame") << RdvTest::expectedSinglePacket(RdvTest::singleFrame(10, 5, 250000000))
+                                  << true << quint64(5250);
+    QTest::newRow("13000 samples: the length word wrapped")
+        << RdvTest::expectedSinglePacket(RdvTest::singleFrame(13000, 7, 0)) << true << quint64(7000);
+    QTest::newRow("channel packet: the newest of its groups") << channels << true << quint64(12005);
+    QTest::newRow("channel packet cut inside a sub-block") << channels.chopped(1) << false << quint64(0);
+    QTest::newRow("single frame cut inside its header")
+        << RdvTest::expectedSinglePacket(RdvTest::singleFrame(0)).left(40) << false << quint64(0);
+    QTest::newRow("unknown layout words") << QByteArray(100, 'x') << false << quint64(0);
+    QTest::newRow("empty") << QByteArray() << false << quint64(0);
+}
+
+void TestRdvPacket::newestStamp()
+{
+    QFETCH(QByteArray, packet);
+    QFETCH(bool, ok);
+    QFETCH(quint64, ms);
+    quint64 stamp = 0;
+    QCOMPARE(Rdv::packetTimeMs(packet, &stamp), ok);
+    if (ok)
+        QCOMPARE(stamp, ms);
 }
 
 QTEST_GUILESS_MAIN(TestRdvPacket)

@@ -1,21 +1,23 @@
 #include "src/korb_rdv_client_socket.h"
 
-#include <QDeadlineTimer>
-
 #include <sys/socket.h>
 
 KorbRdvClientSocket::KorbRdvClientSocket(QObject *parent, qint64 replyBound)
-    : QTcpSocket(parent), m_replyBound(replyBound)
+    : QTcpSocket(parent), KorbRdvClientLink(replyBound)
 {
     connect(this, &QIODevice::bytesWritten, this, &KorbRdvClientSocket::noteDrained);
 }
 
-bool KorbRdvClientSocket::writePacket(const QByteArray &frame)
+QMetaObject::Connection KorbRdvClientSocket::onDrained(QObject *context, std::function<void()> slot)
 {
-    m_writingPacket = true;
-    const qint64 written = write(frame);
-    m_writingPacket = false;
-    return written == frame.size();
+    return connect(this, &KorbRdvClientSocket::drained, context, std::move(slot));
+}
+
+QMetaObject::Connection KorbRdvClientSocket::onReplyBoundExceeded(QObject *context,
+                                                                  std::function<void()> slot)
+{
+    return connect(this, &KorbRdvClientSocket::replyBoundExceeded, context, std::move(slot),
+                   Qt::QueuedConnection);
 }
 
 qint64 KorbRdvClientSocket::bytesToWrite() const
@@ -33,12 +35,12 @@ qint64 KorbRdvClientSocket::writeData(const char *data, qint64 size)
 {
     // Gathering is only for bytes that would go to the kernel at once; once
     // something is queued, everything queues behind it.
-    if (!m_writingPacket && QTcpSocket::bytesToWrite() == 0 && state() == ConnectedState) {
+    if (!writingPacket() && QTcpSocket::bytesToWrite() == 0 && state() == ConnectedState) {
         gather(data, size);
         return size;
     }
     sendGathered();
-    return writeThrough(data, size, m_writingPacket);
+    return writeThrough(data, size, writingPacket());
 }
 
 void KorbRdvClientSocket::gather(const char *data, qint64 size)
@@ -80,13 +82,9 @@ qint64 KorbRdvClientSocket::writeThrough(const char *data, qint64 size, bool pac
     // The rest queues behind whatever waits already, copied once into the
     // socket's buffer; the write notification sends it.
     noteWaiting();
-    if (!packet) {
-        m_replyBacklog += size - sent;
-        if (m_replyBacklog > m_replyBound && !m_overBound) {
-            m_overBound = true;
-            emit replyBoundExceeded();
-        }
-    }
+    // Only what the kernel refused counts against the reply bound.
+    if (!packet && countReply(size - sent))
+        emit replyBoundExceeded();
     const qint64 queued = QTcpSocket::writeData(data + sent, size - sent);
     if (queued < 0)
         return sent > 0 ? sent : queued;
@@ -101,17 +99,8 @@ qint64 KorbRdvClientSocket::sendToKernel(const char *data, qint64 size)
     return n > 0 ? qint64(n) : 0;
 }
 
-void KorbRdvClientSocket::noteWaiting()
-{
-    if (m_behindSince < 0)
-        m_behindSince = QDeadlineTimer::current().deadlineNSecs();
-}
-
 void KorbRdvClientSocket::noteDrained()
 {
-    if (m_behindSince < 0 || bytesToWrite() > 0)
-        return;
-    m_behindSince = -1;
-    m_replyBacklog = 0;
-    emit drained();
+    if (noteEmptied())
+        emit drained();
 }

@@ -12,29 +12,21 @@
 QString MqttBroker::executable()
 {
     // Debian installs it in sbin, which a user's PATH may lack.
-    const QString name = QStringLiteral("mosquitto");
-    const QString inPath = QStandardPaths::findExecutable(name);
-    return inPath.isEmpty() ? QStandardPaths::findExecutable(name, {QStringLiteral("/usr/sbin")}) : inPath;
+    return QStandardPaths::findExecutable("mosquitto", {"/usr/sbin", "/usr/local/sbin", "/usr/bin"});
 }
 
 bool MqttBroker::start()
 {
     m_port = m_port ? m_port : RdvTest::freePort().toUShort();
-    QFile conf(m_dir.filePath(QStringLiteral("broker.conf")));
-    if (!m_port || !conf.open(QIODevice::WriteOnly | QIODevice::Truncate))
+    QFile conf(m_dir.filePath("broker.conf"));
+    if (!conf.open(QIODevice::WriteOnly) ||
+        !conf.write(QStringLiteral("listener %1 127.0.0.1\nallow_anonymous true\n").arg(m_port).toLatin1()))
         return false;
-    conf.write(QStringLiteral("listener %1 127.0.0.1\nallow_anonymous true\npersistence false\n")
-                   .arg(m_port)
-                   .toLatin1());
     conf.close();
-    m_process.start(executable(), {QStringLiteral("-c"), conf.fileName()});
+    m_process.start(executable(), {"-c", conf.fileName()});
+    QTcpSocket probe;
     return QTest::qWaitFor(
-        [this] {
-            QTcpSocket socket;
-            socket.connectToHost(QHostAddress::LocalHost, m_port);
-            return m_process.state() == QProcess::Running && socket.waitForConnected(100);
-        },
-        10000);
+        [&] { return probe.connectToHost("127.0.0.1", m_port), probe.waitForConnected(100); }, 10000);
 }
 
 void MqttBroker::stop()
@@ -42,7 +34,7 @@ void MqttBroker::stop()
     m_process.terminate();
     if (!m_process.waitForFinished(5000))
         m_process.kill();
-    m_process.waitForFinished(2000);
+    m_process.waitForFinished();
 }
 
 void MqttBroker::freeze(bool frozen)
@@ -53,9 +45,8 @@ void MqttBroker::freeze(bool frozen)
 MqttRecorder::MqttRecorder(quint16 port, const QByteArray &filter)
     : link(new KorbRdvMqttLink(this, QStringLiteral("recorder-%1").arg(quintptr(this))))
 {
-    if (!filter.isEmpty())
-        link->setSubscription(filter);
+    link->setSubscription(filter);
     connect(link, &KorbRdvMqttLink::message, this,
             [this](const QByteArray &topic, const QByteArray &payload) { messages[topic] << payload; });
-    link->open(QStringLiteral("127.0.0.1"), port);
+    link->open("127.0.0.1", port);
 }

@@ -1,10 +1,9 @@
 #pragma once
 
-// A private mosquitto on 127.0.0.1 for one test, and a client of it that
-// records what it hears (the relay's own broker link underneath).
+// A private mosquitto on 127.0.0.1 for one test, and a client of it (the
+// relay's own broker link) that records what it hears.
 
 #include <QHash>
-#include <QObject>
 #include <QProcess>
 #include <QTemporaryDir>
 
@@ -16,14 +15,12 @@ public:
     ~MqttBroker() { stop(); }
     // The broker's executable; empty where mosquitto is not installed.
     static QString executable();
-    // Starts it on its port (a free one the first time), with a throwaway
-    // configuration, and waits until the port takes connections.
+    // On its port (a free one the first time) until the port takes connections.
     bool start();
     void stop();
     // SIGSTOP or SIGCONT: a broker that takes nothing, or again.
     void freeze(bool frozen);
     quint16 port() const { return m_port; }
-    // "127.0.0.1:PORT", as -mqtt= and -mqtt-sub= take it.
     QString address() const { return QStringLiteral("127.0.0.1:%1").arg(m_port); }
 
 private:
@@ -34,8 +31,8 @@ private:
 
 struct MqttRecorder : QObject
 {
-    // Subscribed to `filter` (none: only publishing) after every connection.
-    MqttRecorder(quint16 port, const QByteArray &filter = QByteArray());
+    // Subscribed to `filter` after every connection; none: it only publishes.
+    explicit MqttRecorder(quint16 port, const QByteArray &filter = QByteArray());
     QByteArray last(const QByteArray &topic) const { return messages.value(topic).value(count(topic) - 1); }
     int count(const QByteArray &topic) const { return messages.value(topic).size(); }
     KorbRdvMqttLink *link;

@@ -17,20 +17,30 @@ void KorbRdvClientLink::noteWaiting()
         m_behindSince = QDeadlineTimer::current().deadlineNSecs();
 }
 
-bool KorbRdvClientLink::countReply(qint64 bytes)
+void KorbRdvClientLink::watch(QObject *context, std::function<void()> drained,
+                              std::function<void()> overBound)
+{
+    m_context = context;
+    m_drained = std::move(drained);
+    m_overBoundCall = std::move(overBound);
+}
+
+void KorbRdvClientLink::countReply(qint64 bytes)
 {
     m_replyBacklog += bytes;
     if (m_replyBacklog <= m_replyBound || m_overBound)
-        return false;
+        return;
     m_overBound = true;
-    return true;
+    if (m_context)
+        QMetaObject::invokeMethod(m_context, m_overBoundCall, Qt::QueuedConnection);
 }
 
-bool KorbRdvClientLink::noteEmptied()
+void KorbRdvClientLink::noteEmptied()
 {
     if (m_behindSince < 0 || bytesToWrite() > 0)
-        return false;
+        return;
     m_behindSince = -1;
     m_replyBacklog = 0;
-    return true;
+    if (m_context)
+        m_drained();
 }

@@ -1,11 +1,11 @@
 #pragma once
 
 #include <QByteArray>
-#include <QMetaObject>
+#include <QObject>
+#include <QPointer>
 
 #include <functional>
 
-class QObject;
 class QTcpSocket;
 
 // A client's connection as the WebSocket server's broadcast and client
@@ -31,12 +31,10 @@ public:
     // the client is behind.
     qint64 behindSince() const { return m_behindSince; }
 
-    // Runs `slot` in `context` each time the queue has emptied.
-    virtual QMetaObject::Connection onDrained(QObject *context, std::function<void()> slot) = 0;
-    // Runs `slot` in `context`, queued (the bound is found in the middle of
-    // a write of the WebSocket layer), when writes other than packets pass
-    // the reply bound; once per connection.
-    virtual QMetaObject::Connection onReplyBoundExceeded(QObject *context, std::function<void()> slot) = 0;
+    // While `context` lives: `drained` each time the queue has emptied, and
+    // `overBound`, queued (the bound is found in the middle of a write of the
+    // WebSocket layer), once writes other than packets pass the reply bound.
+    void watch(QObject *context, std::function<void()> drained, std::function<void()> overBound);
 
 protected:
     // `replyBound`: bytes of writes other than packets that may wait at once.
@@ -46,12 +44,12 @@ protected:
     bool writingPacket() const { return m_writingPacket; }
     // Bytes have started to wait.
     void noteWaiting();
-    // `bytes` of writes other than packets wait behind others; true, once
-    // per connection, when that passes the bound.
-    bool countReply(qint64 bytes);
-    // Whether the queue has emptied since bytes started to wait; the
-    // figures then start again.
-    bool noteEmptied();
+    // `bytes` of writes other than packets wait behind others; once per
+    // connection, that passes the bound.
+    void countReply(qint64 bytes);
+    // The queue may have emptied since bytes started to wait: the figures
+    // then start again.
+    void noteEmptied();
 
 private:
     const qint64 m_replyBound;
@@ -60,4 +58,7 @@ private:
     qint64 m_behindSince = -1;
     bool m_writingPacket = false;
     bool m_overBound = false;
+    QPointer<QObject> m_context;
+    std::function<void()> m_drained;
+    std::function<void()> m_overBoundCall;
 };

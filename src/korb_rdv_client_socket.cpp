@@ -5,19 +5,7 @@
 KorbRdvClientSocket::KorbRdvClientSocket(QObject *parent, qint64 replyBound)
     : QTcpSocket(parent), KorbRdvClientLink(replyBound)
 {
-    connect(this, &QIODevice::bytesWritten, this, &KorbRdvClientSocket::noteDrained);
-}
-
-QMetaObject::Connection KorbRdvClientSocket::onDrained(QObject *context, std::function<void()> slot)
-{
-    return connect(this, &KorbRdvClientSocket::drained, context, std::move(slot));
-}
-
-QMetaObject::Connection KorbRdvClientSocket::onReplyBoundExceeded(QObject *context,
-                                                                  std::function<void()> slot)
-{
-    return connect(this, &KorbRdvClientSocket::replyBoundExceeded, context, std::move(slot),
-                   Qt::QueuedConnection);
+    connect(this, &QIODevice::bytesWritten, this, [this] { noteEmptied(); });
 }
 
 qint64 KorbRdvClientSocket::bytesToWrite() const
@@ -57,7 +45,7 @@ void KorbRdvClientSocket::sendGatheredAtTurnEnd()
 {
     m_sendQueued = false;
     sendGathered();
-    noteDrained();
+    noteEmptied();
 }
 
 void KorbRdvClientSocket::sendGathered()
@@ -83,8 +71,8 @@ qint64 KorbRdvClientSocket::writeThrough(const char *data, qint64 size, bool pac
     // socket's buffer; the write notification sends it.
     noteWaiting();
     // Only what the kernel refused counts against the reply bound.
-    if (!packet && countReply(size - sent))
-        emit replyBoundExceeded();
+    if (!packet)
+        countReply(size - sent);
     const qint64 queued = QTcpSocket::writeData(data + sent, size - sent);
     if (queued < 0)
         return sent > 0 ? sent : queued;
@@ -97,10 +85,4 @@ qint64 KorbRdvClientSocket::sendToKernel(const char *data, qint64 size)
     // socket's own write, which reports it through the usual signals.
     const ssize_t n = ::send(int(socketDescriptor()), data, size_t(size), MSG_DONTWAIT | MSG_NOSIGNAL);
     return n > 0 ? qint64(n) : 0;
-}
-
-void KorbRdvClientSocket::noteDrained()
-{
-    if (noteEmptied())
-        emit drained();
 }

@@ -26,17 +26,9 @@ public:
     QTcpSocket *socket() override { return this; }
     // Bytes waiting in the relay: gathered for the end of the turn and queued.
     qint64 bytesToWrite() const override;
-    QMetaObject::Connection onDrained(QObject *context, std::function<void()> slot) override;
-    QMetaObject::Connection onReplyBoundExceeded(QObject *context, std::function<void()> slot) override;
 
     // Sends what has gathered first, so that nothing is lost or reordered.
     void disconnectFromHost() override;
-
-signals:
-    // The queue has emptied: everything written so far is with the kernel.
-    void drained();
-    // Writes other than packets waiting past the bound; emitted once per connection.
-    void replyBoundExceeded();
 
 protected:
     qint64 writeData(const char *data, qint64 size) override;
@@ -47,7 +39,6 @@ private:
     void sendGatheredAtTurnEnd();
     qint64 writeThrough(const char *data, qint64 size, bool packet);
     qint64 sendToKernel(const char *data, qint64 size);
-    void noteDrained();
 
     QByteArray m_gathered;
     bool m_sendQueued = false;

@@ -6,23 +6,12 @@ KorbRdvTlsSocket::KorbRdvTlsSocket(QObject *parent, qint64 replyBound)
     // Only the kernel taking encrypted bytes empties the queue. QSslSocket
     // reports plain bytes as written once encrypted, before the encrypted
     // ones reach its own buffer: the queue looks empty for that moment.
-    connect(this, &QSslSocket::encryptedBytesWritten, this, &KorbRdvTlsSocket::noteDrained);
+    connect(this, &QSslSocket::encryptedBytesWritten, this, [this] { noteEmptied(); });
 }
 
 qint64 KorbRdvTlsSocket::bytesToWrite() const
 {
     return QSslSocket::bytesToWrite() + encryptedBytesToWrite();
-}
-
-QMetaObject::Connection KorbRdvTlsSocket::onDrained(QObject *context, std::function<void()> slot)
-{
-    return connect(this, &KorbRdvTlsSocket::drained, context, std::move(slot));
-}
-
-QMetaObject::Connection KorbRdvTlsSocket::onReplyBoundExceeded(QObject *context, std::function<void()> slot)
-{
-    return connect(this, &KorbRdvTlsSocket::replyBoundExceeded, context, std::move(slot),
-                   Qt::QueuedConnection);
 }
 
 qint64 KorbRdvTlsSocket::writeData(const char *data, qint64 size)
@@ -34,13 +23,7 @@ qint64 KorbRdvTlsSocket::writeData(const char *data, qint64 size)
     // as long as the kernel has taken every encrypted byte before them, as
     // on the plain port; behind bytes the kernel refused, they count against
     // the bound.
-    if (!writingPacket() && encryptedBytesToWrite() > 0 && countReply(size))
-        emit replyBoundExceeded();
+    if (!writingPacket() && encryptedBytesToWrite() > 0)
+        countReply(size);
     return QSslSocket::writeData(data, size);
-}
-
-void KorbRdvTlsSocket::noteDrained()
-{
-    if (noteEmptied())
-        emit drained();
 }

@@ -22,24 +22,14 @@ public:
     QTcpSocket *socket() override { return this; }
     // Plain bytes not yet encrypted and encrypted ones not yet with the kernel.
     qint64 bytesToWrite() const override;
-    QMetaObject::Connection onDrained(QObject *context, std::function<void()> slot) override;
-    QMetaObject::Connection onReplyBoundExceeded(QObject *context, std::function<void()> slot) override;
 
     // Whether the WebSocket layer has answered the upgrade: its first write
     // is that answer.
     bool upgraded() const { return m_upgraded; }
 
-signals:
-    // The queue has emptied: everything written so far is with the kernel.
-    void drained();
-    // Writes other than packets waiting past the bound; emitted once per connection.
-    void replyBoundExceeded();
-
 protected:
     qint64 writeData(const char *data, qint64 size) override;
 
 private:
-    void noteDrained();
-
     bool m_upgraded = false;
 };

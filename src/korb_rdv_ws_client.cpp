@@ -10,8 +10,8 @@
 KorbRdvWsClient::KorbRdvWsClient(QObject *parent, QWebSocket *socket, KorbRdvClientLink *link, quint64 seq)
     : QObject(parent), m_socket(socket), m_link(link), m_seq(seq)
 {
-    link->onDrained(this, [this] { onDrained(); });
-    link->onReplyBoundExceeded(this, [this] { emit repliesUnread(); });
+    link->watch(
+        this, [this] { onDrained(); }, [this] { emit repliesUnread(); });
 }
 
 bool KorbRdvWsClient::isConnected() const

@@ -13,8 +13,7 @@ KorbRdvMqttEdge::KorbRdvMqttEdge(QObject *parent, KorbRdvSink *sink, QObject *co
                                  const QString &instance, const QByteArray &topic)
     : KorbRdvSource(parent, sink, commandSource, 0, KorbRdvScanner::Pacing::Stream), m_sink(sink),
       m_link(new KorbRdvMqttLink(
-          this, QStringLiteral("korbrdv-%1-%2-sub").arg(instance).arg(QCoreApplication::applicationPid()))),
-      m_topic(topic)
+          this, QStringLiteral("korbrdv-%1-%2-sub").arg(instance).arg(QCoreApplication::applicationPid())))
 {
     setObjectName(QStringLiteral("mqtt_edge"));
     m_link->setSubscription(topic);
@@ -65,9 +64,7 @@ void KorbRdvMqttEdge::take(const QByteArray &topic, const QByteArray &packet)
         forward(packet);
         return;
     }
-    if (!m_held.isEmpty())
-        ++m_replaced;
-    m_held = packet;
+    m_held = packet; // a newer one replaces it
     if (!m_release.isActive())
         m_release.start(int(qMax<qint64>(wait, 0)));
 }

@@ -39,13 +39,11 @@ public:
     static bool parseSource(const QString &text, QString *host, quint16 *port, QByteArray *topic);
 
     KorbRdvMqttLink *link() const { return m_link; }
-    QByteArray topic() const { return m_topic; }
-    // Messages taken from the topic, those that were no packet, those
-    // handed to the broadcast, and those a newer one replaced while waiting.
+    // Messages taken from the topic, those that were no packet, and those
+    // handed to the broadcast.
     qint64 packetsReceived() const { return m_received; }
     qint64 packetsRefused() const;
     qint64 packetsForwarded() const { return m_forwarded; }
-    qint64 packetsReplaced() const { return m_replaced; }
 
 protected:
     bool receiving() const override;
@@ -57,11 +55,9 @@ private:
 
     KorbRdvSink *const m_sink;
     KorbRdvMqttLink *m_link;
-    QByteArray m_topic;
     qint64 m_received = 0;
     qint64 m_refused = 0;
     qint64 m_forwarded = 0;
-    qint64 m_replaced = 0;
     QElapsedTimer m_sinceForward;
     QTimer m_release;
     QByteArray m_held; // the newest packet waiting for the end of the interval

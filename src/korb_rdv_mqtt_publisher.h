@@ -22,7 +22,6 @@ public:
     explicit KorbRdvMqttPublisher(QObject *parent, WebSocketServer *server, const QString &instance);
 
     KorbRdvMqttLink *link() const { return m_link; }
-    QByteArray packetTopic() const { return m_topic; }
 
 private:
     void offer(const QByteArray &packet);

@@ -51,8 +51,6 @@ public:
 
     // What the command line settled (read by the service wrapper and tests).
     quint16 port() const { return m_port; }
-    // The TLS port (-ps), 0 for none.
-    quint16 securePort() const { return m_securePort; }
     QString deviceHost() const { return m_deviceHost; }
     quint16 devicePort() const { return m_devicePort; }
     bool replay() const { return m_replay; }
@@ -74,7 +72,6 @@ public:
     QFileSystemWatcher *configWatcher() const { return m_watcher; }
     KorbRdvMqttPublisher *mqttPublisher() const { return m_publisher; }
     KorbRdvMqttEdge *mqttEdge() const { return m_edge; }
-    KorbRdvHealth *health() const { return m_health; }
     // What the health report says right now.
     KorbRdvHealth::Figures healthFigures() const;
     void setReadingSuppressed(bool on) { m_readingSuppressed = on; }

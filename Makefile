@@ -4,6 +4,7 @@
 #                       then every fuzz target for 10 s over its corpus
 #   make fuzz           every fuzz target for FUZZ_SECONDS (default 60)
 #   make demo           build and run the relay on the embedded recording
+#   make demo-mqtt      the same recording through a private MQTT broker to an edge relay
 #   make package        build, then korbrdv_<version>_<arch>.deb in this folder
 SHELL := /bin/bash
 JOBS  ?= $(shell nproc 2>/dev/null || echo 2)
@@ -11,12 +12,16 @@ SUDO  := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
 # Debian packages the build and the tests need.
 # dpkg-dev and file: the package's dependencies are read from its binaries.
-DEB_PACKAGES := cmake g++ make qtbase5-dev libqt5websockets5-dev util-linux dpkg-dev file
+# openssl: the TLS tests make a throwaway certificate with it.
+# libmosquitto-dev: the relay's MQTT client library.
+DEB_PACKAGES := cmake g++ make qtbase5-dev libqt5websockets5-dev util-linux dpkg-dev file openssl \
+                libmosquitto-dev
 # The browser viewer's tests also want node, npm and chromium (installed
 # below when their commands are missing); where they cannot be had, those
-# tests skip. lintian, which the package test runs, is installed the same way.
+# tests skip. lintian, which the package test runs, is installed the same way,
+# and so is mosquitto, the broker of the MQTT tests and of make demo-mqtt.
 
-.PHONY: all build deps fuzz-deps build-fuzz fuzz test test-plain test-asan test-fuzz demo package clean format
+.PHONY: all build deps fuzz-deps build-fuzz fuzz test test-plain test-asan test-fuzz demo demo-mqtt package clean format
 
 # The fuzz targets are built by clang with libFuzzer (tests/fuzz).
 FUZZ_PACKAGES := clang-14 libclang-rt-14-dev
@@ -25,6 +30,8 @@ FUZZ_SECONDS  ?= 60
 FUZZ_JOBS     ?= 2
 
 DEMO_PORT ?= 3005
+DEMO_EDGE_PORT ?= 3006
+DEMO_BROKER_PORT ?= 18830
 DEMO_FILE := build/demo/recording.rdv
 
 all: build
@@ -54,6 +61,12 @@ deps:
 	    DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq --no-install-recommends $$missing ) \
 	  || echo "could not install$$missing: the browser viewer tests will be skipped"; \
 	fi
+	@# Debian's package enables its own broker service; the tests and the demo
+	@# start a private one on a loopback port of their own.
+	@dpkg-query -W -f='$${Status}' mosquitto 2>/dev/null | grep -q 'install ok installed' || \
+	  ( $(SUDO) apt-get update -qq && \
+	    DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq --no-install-recommends mosquitto ) \
+	  || echo "could not install mosquitto: the MQTT tests will be skipped"
 	@command -v lintian >/dev/null || \
 	  ( $(SUDO) apt-get update -qq && \
 	    DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq --no-install-recommends lintian ) \
@@ -114,6 +127,13 @@ demo: build
 	@echo "  logs              : build/logs/   (Ctrl-C stops the relay)"
 	@echo
 	build/bin/KorbRdv_streamer -e -n KorbRdv.demo -p $(DEMO_PORT) -file=$(CURDIR)/$(DEMO_FILE) -nofile
+
+# A private broker on a loopback port, a relay replaying the same recording
+# and publishing it, and an edge relay serving what it publishes.
+demo-mqtt: build
+	@mkdir -p build/demo
+	@[ -s $(DEMO_FILE) ] || build/bin/korb_rdv_sim --write $(DEMO_FILE) --seconds 20
+	tools/mqtt/demo.sh $(CURDIR)/build/bin $(CURDIR)/$(DEMO_FILE) $(DEMO_PORT) $(DEMO_EDGE_PORT) $(DEMO_BROKER_PORT)
 
 # The Debian package, built by CPack from build/ (package/package.cmake).
 package: build

@@ -1,21 +1,11 @@
 #include "src/korb_rdv_client_socket.h"
 
-#include <QDeadlineTimer>
-
 #include <sys/socket.h>
 
 KorbRdvClientSocket::KorbRdvClientSocket(QObject *parent, qint64 replyBound)
-    : QTcpSocket(parent), m_replyBound(replyBound)
+    : QTcpSocket(parent), KorbRdvClientLink(replyBound)
 {
-    connect(this, &QIODevice::bytesWritten, this, &KorbRdvClientSocket::noteDrained);
-}
-
-bool KorbRdvClientSocket::writePacket(const QByteArray &frame)
-{
-    m_writingPacket = true;
-    const qint64 written = write(frame);
-    m_writingPacket = false;
-    return written == frame.size();
+    connect(this, &QIODevice::bytesWritten, this, [this] { noteEmptied(); });
 }
 
 qint64 KorbRdvClientSocket::bytesToWrite() const
@@ -33,12 +23,12 @@ qint64 KorbRdvClientSocket::writeData(const char *data, qint64 size)
 {
     // Gathering is only for bytes that would go to the kernel at once; once
     // something is queued, everything queues behind it.
-    if (!m_writingPacket && QTcpSocket::bytesToWrite() == 0 && state() == ConnectedState) {
+    if (!writingPacket() && QTcpSocket::bytesToWrite() == 0 && state() == ConnectedState) {
         gather(data, size);
         return size;
     }
     sendGathered();
-    return writeThrough(data, size, m_writingPacket);
+    return writeThrough(data, size, writingPacket());
 }
 
 void KorbRdvClientSocket::gather(const char *data, qint64 size)
@@ -55,7 +45,7 @@ void KorbRdvClientSocket::sendGatheredAtTurnEnd()
 {
     m_sendQueued = false;
     sendGathered();
-    noteDrained();
+    noteEmptied();
 }
 
 void KorbRdvClientSocket::sendGathered()
@@ -80,13 +70,9 @@ qint64 KorbRdvClientSocket::writeThrough(const char *data, qint64 size, bool pac
     // The rest queues behind whatever waits already, copied once into the
     // socket's buffer; the write notification sends it.
     noteWaiting();
-    if (!packet) {
-        m_replyBacklog += size - sent;
-        if (m_replyBacklog > m_replyBound && !m_overBound) {
-            m_overBound = true;
-            emit replyBoundExceeded();
-        }
-    }
+    // Only what the kernel refused counts against the reply bound.
+    if (!packet)
+        countReply(size - sent);
     const qint64 queued = QTcpSocket::writeData(data + sent, size - sent);
     if (queued < 0)
         return sent > 0 ? sent : queued;
@@ -99,19 +85,4 @@ qint64 KorbRdvClientSocket::sendToKernel(const char *data, qint64 size)
     // socket's own write, which reports it through the usual signals.
     const ssize_t n = ::send(int(socketDescriptor()), data, size_t(size), MSG_DONTWAIT | MSG_NOSIGNAL);
     return n > 0 ? qint64(n) : 0;
-}
-
-void KorbRdvClientSocket::noteWaiting()
-{
-    if (m_behindSince < 0)
-        m_behindSince = QDeadlineTimer::current().deadlineNSecs();
-}
-
-void KorbRdvClientSocket::noteDrained()
-{
-    if (m_behindSince < 0 || bytesToWrite() > 0)
-        return;
-    m_behindSince = -1;
-    m_replyBacklog = 0;
-    emit drained();
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "src/korb_rdv_client_link.h"
+
 #include <QByteArray>
 #include <QTcpSocket>
 
@@ -12,7 +14,7 @@
 // event loop's write notification. Every write passes here, so frames stay
 // whole and in order. It also keeps the figures the server's client policy
 // needs.
-class KorbRdvClientSocket : public QTcpSocket
+class KorbRdvClientSocket : public QTcpSocket, public KorbRdvClientLink
 {
     Q_OBJECT
     Q_DISABLE_COPY(KorbRdvClientSocket)
@@ -21,24 +23,12 @@ public:
     // `replyBound`: bytes of writes other than packets that may wait at once.
     explicit KorbRdvClientSocket(QObject *parent, qint64 replyBound);
 
-    // Writes one whole framed broadcast packet; false when the socket refused it.
-    bool writePacket(const QByteArray &frame);
-    bool idle() const { return bytesToWrite() == 0; }
+    QTcpSocket *socket() override { return this; }
     // Bytes waiting in the relay: gathered for the end of the turn and queued.
     qint64 bytesToWrite() const override;
-    // When bytes last started to wait in an empty queue (monotonic ns,
-    // QDeadlineTimer::current), -1 while none wait: the earlier, the further
-    // the client is behind.
-    qint64 behindSince() const { return m_behindSince; }
 
     // Sends what has gathered first, so that nothing is lost or reordered.
     void disconnectFromHost() override;
-
-signals:
-    // The queue has emptied: everything written so far is with the kernel.
-    void drained();
-    // Writes other than packets waiting past the bound; emitted once per connection.
-    void replyBoundExceeded();
 
 protected:
     qint64 writeData(const char *data, qint64 size) override;
@@ -49,15 +39,7 @@ private:
     void sendGatheredAtTurnEnd();
     qint64 writeThrough(const char *data, qint64 size, bool packet);
     qint64 sendToKernel(const char *data, qint64 size);
-    void noteWaiting();
-    void noteDrained();
 
-    const qint64 m_replyBound;
     QByteArray m_gathered;
     bool m_sendQueued = false;
-    // Non-packet bytes the kernel did not take, since the queue was last empty.
-    qint64 m_replyBacklog = 0;
-    qint64 m_behindSince = -1;
-    bool m_writingPacket = false;
-    bool m_overBound = false;
 };

@@ -14,16 +14,6 @@
 #include <QVector>
 #include <QtGlobal>
 
-namespace Rdv {
-
-// Length word plus the four fixed words: enough to tell the layouts apart.
-constexpr int LayoutProbeSize = 10;
-// Largest message a client accepts: 256 channel sub-blocks of 13000 samples
-// (about 13.3 MB) is the most a relay can legitimately send.
-constexpr qint64 MaxPacketSize = 16 * 1024 * 1024;
-
-} // namespace Rdv
-
 // One decoded single-frame block or channel sub-block. Fields that the other
 // layout does not carry stay 0.
 struct RdvBlock

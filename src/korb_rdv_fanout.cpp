@@ -12,6 +12,7 @@ KorbRdvFanOut::KorbRdvFanOut(QObject *parent, const Table &table) : QObject(pare
 
 void KorbRdvFanOut::send(const QByteArray &packet)
 {
+    emit sent(packet);
     m_packetFrame = Rdv::wsBinaryFrame(packet);
     ++m_packetSeq;
     if (!m_passActive) {

@@ -43,6 +43,8 @@ public:
     qint64 maxQueuedBytes() const { return m_maxQueuedBytes; }
 
 signals:
+    // Every packet handed to the broadcast, as the clients get it.
+    void sent(const QByteArray &packet);
     // The queues are past their bound and this client is furthest behind.
     void overQueued(KorbRdvWsClient *client);
 

@@ -50,6 +50,16 @@ inline double readU64AsDouble(const void *f, std::size_t offset)
     return double(readLE<quint64>(f, offset));
 }
 
+// The four fixed words after a block's length word.
+bool hasTag(const char *block, const qint16 (&tag)[4])
+{
+    for (int i = 0; i < 4; ++i) {
+        if (readLE<qint16>(block, std::size_t(2 + 2 * i)) != tag[i])
+            return false;
+    }
+    return true;
+}
+
 inline double rate(quint32 timeSub)
 {
     // Deliberately unguarded: a zero sub-second part gives +infinity.
@@ -169,6 +179,28 @@ QByteArray buildPacket(const RdvChannelMap &channels, bool *oversize)
     }
     Q_ASSERT(out.size() == total);
     return out;
+}
+
+bool isPacket(const QByteArray &packet)
+{
+    const int size = packet.size();
+    const char *const data = packet.constData();
+    if (size < LayoutProbeSize || size > MaxPacketSize)
+        return false;
+    if (hasTag(data, PacketTag))
+        return size >= PacketHeaderSize;
+    // Channel sub-blocks are never longer than their 16-bit length word can
+    // say, so the words lead from one to the next.
+    for (int pos = 0; pos < size;) {
+        const int rest = size - pos;
+        if (rest < ChannelBlockHeaderSize || !hasTag(data + pos, ChannelBlockTag))
+            return false;
+        const int length = readLE<quint16>(data + pos, 0);
+        if (length < ChannelBlockHeaderSize || length > rest)
+            return false;
+        pos += length;
+    }
+    return true;
 }
 
 } // namespace Rdv

@@ -22,4 +22,9 @@ QByteArray buildPacket(const RdvFrame *frame);
 // than its 16-bit length word can say. Null map entries are passed over.
 QByteArray buildPacket(const RdvChannelMap &channels, bool *oversize = nullptr);
 
+// Whether bytes have the layout of a packet as built above: a single-frame
+// packet's header, or channel sub-blocks whose length words lead from one to
+// the next up to the end; not larger than MaxPacketSize.
+bool isPacket(const QByteArray &packet);
+
 } // namespace Rdv

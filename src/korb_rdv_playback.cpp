@@ -4,6 +4,7 @@
 #include "src/korb_rdv_settings.h"
 
 #include <QFileInfo>
+#include <QTimerEvent>
 
 namespace {
 constexpr double BytesPerMb = 1024.0 * 1024.0;
@@ -21,6 +22,7 @@ bool KorbRdvPlayback::load(const QString &name)
 {
     if (!QFileInfo::exists(name))
         return false;
+    pause();
     m_played.close();
     m_image.reset();
     m_loaded = 0;
@@ -73,6 +75,39 @@ void KorbRdvPlayback::restart(bool rewind)
     m_passBytes = 0;
     m_reported = 0;
     m_passClock.start();
+}
+
+void KorbRdvPlayback::play(bool rewind)
+{
+    if (!isLoaded())
+        return;
+    restart(rewind);
+    pause();
+    m_tickMs = qMax<int>(1, Korb::sendIntervalMs);
+    m_timerId = startTimer(m_tickMs, Qt::PreciseTimer);
+}
+
+void KorbRdvPlayback::pause()
+{
+    if (m_timerId)
+        killTimer(m_timerId);
+    m_timerId = 0;
+}
+
+void KorbRdvPlayback::follow(int consumers, bool first)
+{
+    if (consumers == 0)
+        pause();
+    else if (first)
+        play(true);
+}
+
+void KorbRdvPlayback::timerEvent(QTimerEvent *event)
+{
+    if (event->timerId() != m_timerId || m_timerId == 0)
+        KorbRdvSource::timerEvent(event);
+    else if (!step())
+        pause(); // a file without frames: no tick will find one
 }
 
 int KorbRdvPlayback::nextFrame(int from) const

@@ -9,7 +9,7 @@
 #include <memory>
 
 // A recorded frame file as a data source: loaded whole into memory, then
-// stepped by the WebSocket server's playback timer. Every step hands the
+// stepped by its timer while the WebSocket server has it play. Every step hands the
 // frames whose time has come, in file order, to the scanner's accept step,
 // which sends those at least one send interval apart and thins the rest.
 // The end of the file wraps to its start.
@@ -41,8 +41,19 @@ public:
     // One tick: hands on every frame that is due. False when a whole pass
     // over the file found no frame: no tick will ever find one.
     bool step();
+    // Steps once a send interval (Korb::sendIntervalMs, at least 1 ms), from
+    // a restart(rewind), while a file is loaded; a file without frames, or
+    // loading another, stops it.
+    void play(bool rewind);
+    void pause();
+    bool isPlaying() const { return m_timerId != 0; }
+    int tickMs() const { return m_tickMs; }
+    // Plays from the start for a first consumer of its packets, goes on
+    // while there are `consumers`, and pauses without any.
+    void follow(int consumers, bool first);
 
 protected:
+    void timerEvent(QTimerEvent *event) override;
     // The recording commands dump what a live source received; a replay has
     // nothing of that kind.
     bool receiving() const override { return false; }
@@ -74,4 +85,6 @@ private:
     // Since the file was loaded, for the pass report: frames thinned, whole passes.
     qint64 m_thinned = 0;
     int m_passes = 0;
+    int m_timerId = 0;
+    int m_tickMs = 0;
 };

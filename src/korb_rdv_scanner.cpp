@@ -112,6 +112,7 @@ int KorbRdvScanner::findHeader(const char *buf, int from, int last, Search how)
 bool KorbRdvScanner::accept(const char *frame, const char *kind1OfThisScan)
 {
     const quint64 ms = Rdv::timeMs(frame);
+    ++m_framesAccepted;
     m_frameSize = Rdv::frameLength(frame);
     m_lastFrameTime = quint64(Rdv::secondsSince2000(frame));
     m_lastKind = Rdv::kind(frame);
@@ -123,7 +124,7 @@ bool KorbRdvScanner::accept(const char *frame, const char *kind1OfThisScan)
     if (fresh && m_pacing != Pacing::Playback)
         lastSent = qint64(ms); // live data: the first frame only starts the clock
 
-    const bool listened = m_sink && m_sink->clientCount() > 0;
+    const bool listened = m_sink && m_sink->consumerCount() > 0;
     // A kind-2 frame behind kind-1 frames of the same scan re-files the
     // latest kind-1 frame under the kind-2 group slot (0xFF, key -1) and
     // gates the map, not the kind-2 frame.

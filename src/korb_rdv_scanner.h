@@ -73,6 +73,8 @@ public:
     quint64 lastFrameTime() const { return m_lastFrameTime; }
     quint8 lastKind() const { return m_lastKind; }
     quint16 sendIntervalMs() const { return m_sendIntervalMs; }
+    // Frames taken by the accept step since the scanner was made, for the health figures.
+    qint64 framesAccepted() const { return m_framesAccepted; }
 
     // The write window of a stream source: where `n` bytes go at the fill
     // end, the fill first starting again at 0 (with the throughput report)
@@ -134,4 +136,5 @@ private:
     RdvChannelMap m_map;
     QElapsedTimer m_throughput;
     Search m_search = Search::Simd;
+    qint64 m_framesAccepted = 0;
 };

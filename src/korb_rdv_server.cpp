@@ -4,8 +4,12 @@
 #include "logger/korb_logger_light.h"
 #include "src/korb_env.h"
 #include "src/korb_host_port.h"
+#include "src/korb_rdv_mqtt_edge.h"
+#include "src/korb_rdv_mqtt_link.h"
+#include "src/korb_rdv_mqtt_publisher.h"
 #include "src/korb_rdv_settings.h"
 #include "src/korb_rdv_tcp_cli.h"
+#include "src/korb_rdv_tls_listener.h"
 #include "src/korb_rdv_udp_cli.h"
 #include "src/korb_rdv_wsserver.h"
 
@@ -106,8 +110,18 @@ KorbRdvStreamer::KorbRdvStreamer(QObject *parent, bool underService, const QStri
              tr("не удалось открыть порт WebSocket %1: %2").arg(m_port).arg(m_server->errorString()));
         m_fatal = true;
     }
+    // The TLS port fails on its own: the plain one serves whatever becomes of it.
+    if (m_securePort && !m_fatal)
+        KorbRdvTlsListener::open(m_server, m_securePort, Korb::tlsFiles(m_noFile ? QString() : m_configFile));
+    if (!m_mqttSource.isEmpty() && (m_replay || m_udpPorts[0])) {
+        KLOG(this, 1, tr("источник данных - брокер MQTT (-mqtt-sub=): -file= и -udp1=/-udp2= не действуют"));
+        m_replay = false;
+        m_udpPorts[0] = m_udpPorts[1] = 0;
+    }
     if (m_replay && !m_server->setFileNm(m_replayFile))
         KLOG(this, 0, tr("файл воспроизведения не загружен: %1").arg(m_replayFile));
+    if (!startMqtt())
+        m_fatal = true;
 
     KTRACE << "RDK-2: "
            << QStringLiteral("%1 v.%2 ws port").arg(QLatin1String(ProgramName), QLatin1String(Version))
@@ -160,6 +174,10 @@ void KorbRdvStreamer::parseArguments(const QStringList &args)
                 KTRACE << "arg interval_ms default: " << Korb::DefaultSendIntervalMs;
                 Korb::sendIntervalMs = Korb::DefaultSendIntervalMs;
             }
+        } else if (a.startsWith(QLatin1String("-mqtt="))) {
+            m_mqttTarget = value;
+        } else if (a.startsWith(QLatin1String("-mqtt-sub="))) {
+            m_mqttSource = value;
         } else if (a.startsWith(QLatin1String("-max_clients="))) {
             bool ok = false;
             const int v = value.toInt(&ok);
@@ -218,8 +236,14 @@ void KorbRdvStreamer::parseArguments(const QStringList &args)
                     KorbLoggerLight::instance()->setCodec(codec);
             }
         } else if (a.compare(QLatin1String("-ps"), Qt::CaseInsensitive) == 0) {
-            if (nextIsValue(args, i))
-                ++i; // a port for a secure server this relay does not offer
+            if (nextIsValue(args, i)) {
+                const QString text = args.at(++i);
+                uint v = 0;
+                if (parsePortValue(text, &v) && v >= 1 && v <= 65535)
+                    m_securePort = quint16(v);
+                else
+                    KTRACE << "err arg ps: " << text;
+            }
         }
     }
     if (m_configFile.isEmpty())
@@ -353,6 +377,79 @@ void KorbRdvStreamer::createTcpClient()
     m_tcpClients.insert(m_devicePort, tcp);
 }
 
+bool KorbRdvStreamer::startMqtt()
+{
+    m_health = new KorbRdvHealth(this, [this] { return healthFigures(); });
+    QString subHost, pubHost;
+    quint16 subPort = 0, pubPort = 0;
+    QByteArray topic;
+    const QByteArray state = Rdv::mqttTopic(m_serviceName, Rdv::MqttStateLeaf);
+    if (!m_mqttSource.isEmpty() && !KorbRdvMqttEdge::parseSource(m_mqttSource, &subHost, &subPort, &topic)) {
+        KTRACE << "err arg mqtt-sub: " << m_mqttSource;
+        KLOG(this, -1, tr("-mqtt-sub=%1: нужен HOST[:PORT]/TOPIC").arg(m_mqttSource));
+        return false;
+    }
+    if (!m_mqttTarget.isEmpty() && (!KorbRdvMqttLink::parseTarget(m_mqttTarget, &pubHost, &pubPort) ||
+                                    !KorbRdvMqttLink::validTopic(state, false))) {
+        KTRACE << "err arg mqtt: " << m_mqttTarget;
+        KLOG(this, -1, tr("-mqtt=%1: нужен HOST[:PORT] и имя экземпляра без '+' и '#'").arg(m_mqttTarget));
+        return false;
+    }
+    if (!m_mqttSource.isEmpty())
+        m_edge = new KorbRdvMqttEdge(this, m_server, m_server, m_serviceName, topic);
+    if (!m_mqttTarget.isEmpty())
+        m_publisher = new KorbRdvMqttPublisher(this, m_server, m_serviceName);
+    // State and health go with the instance's packets, else with the edge's link.
+    KorbRdvMqttLink *announcer = m_publisher ? m_publisher->link() : m_edge ? m_edge->link() : nullptr;
+    if (announcer) {
+        announcer->setPresenceTopic(state);
+        const QByteArray stats = Rdv::mqttTopic(m_serviceName, Rdv::MqttStatsLeaf);
+        connect(m_health, &KorbRdvHealth::sampled, announcer, [announcer, stats](const QByteArray &json) {
+            if (announcer->isUp())
+                announcer->publish(stats, json, true);
+        });
+    }
+    if (m_edge)
+        m_edge->link()->open(subHost, subPort);
+    if (m_publisher)
+        m_publisher->link()->open(pubHost, pubPort);
+    return true;
+}
+
+KorbRdvHealth::Figures KorbRdvStreamer::healthFigures() const
+{
+    KorbRdvHealth::Figures f;
+    f.packetsBuilt = WebSocketServer::broadcastCount();
+    f.wsClients = m_server->clientCount();
+    f.packetsReplaced = m_server->replacedPackets();
+    if (m_publisher)
+        f.brokerDropped = m_publisher->link()->droppedPublishes();
+    if (m_edge) {
+        // The edge builds nothing: what it takes are packets, handed on as they are.
+        f.source = QStringLiteral("mqtt");
+        f.framesAccepted = m_edge->packetsReceived();
+        f.packetsBuilt = m_edge->packetsForwarded();
+    } else if (m_replay) {
+        f.source = QStringLiteral("file");
+        f.framesAccepted = m_server->playbackFrames();
+    } else if (m_udp || m_udpPorts[0]) {
+        f.source = QStringLiteral("udp");
+        const KorbRdvStreamerUdp::Totals totals = KorbRdvStreamerUdp::totals();
+        f.datagramsAccepted = totals.udpOk;
+        f.datagramsDropped = totals.udpEr;
+        if (m_udp) {
+            f.framesAccepted = m_udp->scanner().framesAccepted();
+            f.kernelDrops = KorbRdvHealth::kernelDrops(m_udp->socketDescriptors());
+        }
+    } else {
+        f.source = QStringLiteral("tcp");
+        for (const QPointer<KorbRdvStreamerTcp> &tcp : m_tcpClients)
+            if (tcp)
+                f.framesAccepted += tcp->scanner().framesAccepted();
+    }
+    return f;
+}
+
 bool KorbRdvStreamer::init()
 {
     writeBanner();
@@ -360,7 +457,7 @@ bool KorbRdvStreamer::init()
     if (!writePidFile())
         return false;
     KLOG(this, 1, tr("инициализация завершена"));
-    if (m_tcpClients.isEmpty())
+    if (m_tcpClients.isEmpty() && !m_edge)
         createTcpClient();
     // The device connection waits in a nested event loop, whose events may
     // delete this object: nothing of it is touched after that.

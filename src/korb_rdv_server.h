@@ -1,6 +1,7 @@
 #pragma once
 
 #include "korb_version.h"
+#include "src/korb_rdv_health.h"
 
 #include <QHostAddress>
 #include <QMap>
@@ -15,6 +16,8 @@ class QTimer;
 class WebSocketServer;
 class KorbRdvStreamerTcp;
 class KorbRdvStreamerUdp;
+class KorbRdvMqttEdge;
+class KorbRdvMqttPublisher;
 
 // The one application object of the daemon: reads the application's own
 // command line, owns the WebSocket server and the data sources, and runs the
@@ -67,6 +70,10 @@ public:
     KorbRdvStreamerUdp *udpReceiver() const { return m_udp; }
     int tcpClientCount() const { return m_tcpClients.size(); }
     QFileSystemWatcher *configWatcher() const { return m_watcher; }
+    KorbRdvMqttPublisher *mqttPublisher() const { return m_publisher; }
+    KorbRdvMqttEdge *mqttEdge() const { return m_edge; }
+    // What the health report says right now.
+    KorbRdvHealth::Figures healthFigures() const;
     void setReadingSuppressed(bool on) { m_readingSuppressed = on; }
 
 signals:
@@ -92,10 +99,14 @@ private:
     void writeBanner();
     bool writePidFile();
     void createTcpClient();
+    // The health report, and the broker links of -mqtt= and -mqtt-sub=;
+    // false for an option that names no broker or topic.
+    bool startMqtt();
 
     qint8 m_serviceFlag = 0;
     QString m_serviceName;
     quint16 m_port = 0;
+    quint16 m_securePort = 0;
     bool m_noFile = false;
     bool m_replay = false;
     bool m_ltGiven = false;
@@ -116,4 +127,9 @@ private:
     QMap<int, QPointer<KorbRdvStreamerTcp>> m_tcpClients;
     QSharedMemory m_lock;
     QFileSystemWatcher *m_watcher = nullptr;
+    QString m_mqttTarget; // -mqtt=HOST[:PORT]
+    QString m_mqttSource; // -mqtt-sub=HOST[:PORT]/TOPIC
+    KorbRdvMqttPublisher *m_publisher = nullptr;
+    KorbRdvMqttEdge *m_edge = nullptr;
+    KorbRdvHealth *m_health = nullptr;
 };

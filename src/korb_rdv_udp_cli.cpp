@@ -11,6 +11,7 @@
 #include <cstring>
 
 KorbRdvStreamerUdp::Counters KorbRdvStreamerUdp::s_counters;
+KorbRdvStreamerUdp::Totals KorbRdvStreamerUdp::s_endedBursts;
 
 namespace {
 constexpr int DatagramHeaderSize = int(sizeof(RdvDatagramHeader));
@@ -55,6 +56,16 @@ QString KorbRdvStreamerUdp::captureFileName()
 void KorbRdvStreamerUdp::closeCaptureFile()
 {
     captureFile().close();
+}
+
+KorbRdvStreamerUdp::Totals KorbRdvStreamerUdp::totals()
+{
+    return {s_endedBursts.udpOk + s_counters.udpOk, s_endedBursts.udpEr + s_counters.udpEr};
+}
+
+QList<qintptr> KorbRdvStreamerUdp::socketDescriptors() const
+{
+    return {udpSocket1->socketDescriptor(), udpSocket2->socketDescriptor()};
 }
 
 KorbRdvStreamerUdp::KorbRdvStreamerUdp(QObject *parent, KorbRdvSink *sink, QObject *commandSource,
@@ -325,6 +336,7 @@ void KorbRdvStreamerUdp::silenceEnded()
            << "  udpEr" << s_counters.udpEr << " number[" << m_lastSeq[0] << m_lastSeq[1]
            << "]\n----------------------";
     resetPorts();
+    s_endedBursts = totals();
     s_counters = Counters();
     if (captureFile().isOpen())
         parseCapture();

@@ -40,6 +40,14 @@ public:
         int udpOk = 0; // datagrams that passed the sequence and length test
         int udpEr = 0; // datagrams dropped: sequence gap, length mismatch, short read, empty
     };
+    // Datagrams accepted and dropped since the process started, the current
+    // burst's included.
+    struct Totals
+    {
+        qint64 udpOk = 0;
+        qint64 udpEr = 0;
+    };
+    static Totals totals();
     // The raw-capture file ("Z:/udpStream_<ms>.bin" relative to the working
     // directory): open while capturing.
     static QString captureFileName();
@@ -54,6 +62,9 @@ public:
     QHostAddress localAddress() const { return m_localAddress; }
     void setLocalAddress(const QHostAddress &address) { m_localAddress = address; }
     quint32 lastSequence(int udpNum) const { return m_lastSeq[udpNum & 1]; }
+    // The two sockets' descriptors (-1 while closed): the kernel counts the
+    // datagrams it dropped for them.
+    QList<qintptr> socketDescriptors() const;
     // Takes one datagram of port `udpNum` (0 or 1) as if it had just been
     // read from that port's socket.
     void takeDatagram(int udpNum, const QByteArray &datagram);
@@ -110,4 +121,5 @@ private:
     char m_area[2][ReceiveAreaSize + MaxDatagramSize + Rdv::MaxFrameSize] = {};
 
     static Counters s_counters;
+    static Totals s_endedBursts;
 };

@@ -8,6 +8,7 @@
 
 #include <QByteArray>
 #include <QMap>
+#include <QString>
 #include <QtEndian>
 #include <QtGlobal>
 
@@ -34,6 +35,25 @@ constexpr int ChannelBlockHeaderSize = 77;
 // The words after the length that tell the two layouts apart.
 constexpr qint16 PacketTag[4] = {5, 4, 2, 5};
 constexpr qint16 ChannelBlockTag[4] = {5, 3, 2, 6};
+// Length word plus the four fixed words: enough to tell the layouts apart.
+constexpr int LayoutProbeSize = 10;
+// Largest message a relay sends: 256 channel sub-blocks of 13000 samples
+// (about 13.3 MB); a reader takes nothing larger.
+constexpr qint64 MaxPacketSize = 16 * 1024 * 1024;
+
+// Topics of an instance on an MQTT broker: korbrdv/<instance>/<leaf>, the
+// packets (rdv), the retained state (online, or offline by the last will)
+// and the retained health figures (stats).
+constexpr const char *MqttTopicRoot = "korbrdv";
+constexpr const char *MqttPacketLeaf = "rdv";
+constexpr const char *MqttStateLeaf = "state";
+constexpr const char *MqttStatsLeaf = "stats";
+constexpr const char *MqttStateOnline = "online";
+constexpr const char *MqttStateOffline = "offline";
+inline QByteArray mqttTopic(const QString &instance, const char *leaf)
+{
+    return QByteArray(MqttTopicRoot) + '/' + instance.toUtf8() + '/' + leaf;
+}
 
 } // namespace Rdv
 

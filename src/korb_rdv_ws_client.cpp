@@ -1,32 +1,32 @@
 #include "src/korb_rdv_ws_client.h"
 
 #include "logger/korb_log.h"
-#include "src/korb_rdv_client_socket.h"
+#include "src/korb_rdv_client_link.h"
+
+#include <QTcpSocket>
 
 #include <QWebSocket>
 
-KorbRdvWsClient::KorbRdvWsClient(QObject *parent, QWebSocket *socket, KorbRdvClientSocket *tcp, quint64 seq)
-    : QObject(parent), m_socket(socket), m_tcp(tcp), m_seq(seq)
+KorbRdvWsClient::KorbRdvWsClient(QObject *parent, QWebSocket *socket, KorbRdvClientLink *link, quint64 seq)
+    : QObject(parent), m_socket(socket), m_link(link), m_seq(seq)
 {
-    connect(tcp, &KorbRdvClientSocket::drained, this, &KorbRdvWsClient::onDrained);
-    // Queued: the bound is found in the middle of a write of the WebSocket layer.
-    connect(tcp, &KorbRdvClientSocket::replyBoundExceeded, this, &KorbRdvWsClient::repliesUnread,
-            Qt::QueuedConnection);
+    link->watch(
+        this, [this] { onDrained(); }, [this] { emit repliesUnread(); });
 }
 
 bool KorbRdvWsClient::isConnected() const
 {
-    return m_tcp->state() == QAbstractSocket::ConnectedState;
+    return m_link->socket()->state() == QAbstractSocket::ConnectedState;
 }
 
 qint64 KorbRdvWsClient::queuedBytes() const
 {
-    return m_tcp->bytesToWrite();
+    return m_link->bytesToWrite();
 }
 
 qint64 KorbRdvWsClient::behindSince() const
 {
-    return m_tcp->behindSince();
+    return m_link->behindSince();
 }
 
 bool KorbRdvWsClient::give(const QByteArray &frame, quint64 seq)
@@ -42,9 +42,9 @@ bool KorbRdvWsClient::give(const QByteArray &frame, quint64 seq)
                       .arg(descriptor()));
         }
     }
-    if (m_tcp->idle()) {
+    if (m_link->idle()) {
         m_waiting.clear();
-        m_tcp->writePacket(frame);
+        m_link->writePacket(frame);
     } else {
         m_waiting = frame;
     }
@@ -53,9 +53,9 @@ bool KorbRdvWsClient::give(const QByteArray &frame, quint64 seq)
 
 void KorbRdvWsClient::writeWaiting()
 {
-    if (m_waiting.isEmpty() || !m_tcp->idle() || !isConnected())
+    if (m_waiting.isEmpty() || !m_link->idle() || !isConnected())
         return;
-    m_tcp->writePacket(m_waiting);
+    m_link->writePacket(m_waiting);
     m_waiting.clear();
 }
 

@@ -4,11 +4,11 @@
 #include <QElapsedTimer>
 #include <QObject>
 
-class KorbRdvClientSocket;
+class KorbRdvClientLink;
 class QWebSocket;
 
-// One client in the relay's table: its WebSocket, the TCP socket under it
-// that broadcast packets are written to, its share of the broadcast (the
+// One client in the relay's table: its WebSocket, the connection under it
+// (plain or TLS) that broadcast packets are written to, its share of the broadcast (the
 // packet being written plus at most the newest one waiting here), and the
 // folding of the console lines its messages cause.
 class KorbRdvWsClient : public QObject
@@ -21,7 +21,7 @@ public:
     static constexpr qint64 LineIntervalMs = 1000;
 
     // `seq`: the number of the newest packet so far, which a newcomer does not get.
-    explicit KorbRdvWsClient(QObject *parent, QWebSocket *socket, KorbRdvClientSocket *tcp, quint64 seq);
+    explicit KorbRdvWsClient(QObject *parent, QWebSocket *socket, KorbRdvClientLink *link, quint64 seq);
 
     QWebSocket *socket() const { return m_socket; }
     // The descriptor in messages and in sendClient/removeClient: the socket pointer.
@@ -57,7 +57,7 @@ private:
     void onDrained();
 
     QWebSocket *const m_socket;
-    KorbRdvClientSocket *const m_tcp;
+    KorbRdvClientLink *const m_link;
     QByteArray m_waiting;
     quint64 m_seq;
     qint64 m_replaced = 0;

@@ -12,15 +12,26 @@ KorbRdvWsListener::KorbRdvWsListener(QObject *parent, qint64 replyBound, qint64 
 {
 }
 
+KorbRdvClientLink *KorbRdvWsListener::newLink(qint64 replyBound)
+{
+    return new KorbRdvClientSocket(this, replyBound);
+}
+
+void KorbRdvWsListener::admit(KorbRdvClientLink *link)
+{
+    emit accepted(link);
+}
+
 void KorbRdvWsListener::incomingConnection(qintptr descriptor)
 {
-    auto *socket = new KorbRdvClientSocket(this, m_replyBound);
+    KorbRdvClientLink *link = newLink(m_replyBound);
+    QTcpSocket *socket = link->socket();
     if (!socket->setSocketDescriptor(descriptor)) {
         delete socket;
         ::close(int(descriptor)); // the socket never took it over
         return;
     }
-    m_handshakes.removeAll(QPointer<KorbRdvClientSocket>());
+    m_handshakes.removeAll(QPointer<QTcpSocket>());
     if (m_handshakes.size() >= m_maxHandshakes) {
         // Before the handshake there is no WebSocket to say why.
         KLOGF(parent(), 1,
@@ -31,18 +42,19 @@ void KorbRdvWsListener::incomingConnection(qintptr descriptor)
     }
     socket->setReadBufferSize(m_readBufferSize);
     m_handshakes.append(socket);
-    emit accepted(socket);
+    admit(link);
 }
 
-KorbRdvClientSocket *KorbRdvWsListener::takeHandshake(const QWebSocket *socket)
+KorbRdvClientLink *KorbRdvWsListener::takeHandshake(const QWebSocket *socket)
 {
-    // The WebSocket does not say which socket it took over; the peer's
-    // address and port do, since every connection ends at our one port.
+    // The WebSocket does not say which socket it took over; the two ends'
+    // addresses and ports do.
     for (int i = 0; i < m_handshakes.size(); ++i) {
-        KorbRdvClientSocket *tcp = m_handshakes.at(i);
-        if (tcp && tcp->peerPort() == socket->peerPort() && tcp->peerAddress() == socket->peerAddress()) {
+        QTcpSocket *tcp = m_handshakes.at(i);
+        if (tcp && tcp->peerPort() == socket->peerPort() && tcp->localPort() == socket->localPort() &&
+            tcp->peerAddress() == socket->peerAddress()) {
             m_handshakes.removeAt(i);
-            return tcp;
+            return dynamic_cast<KorbRdvClientLink *>(tcp);
         }
     }
     return nullptr;

@@ -4,14 +4,16 @@
 #include <QPointer>
 #include <QTcpServer>
 
-class KorbRdvClientSocket;
+class KorbRdvClientLink;
+class QTcpSocket;
 class QWebSocket;
 
-// The WebSocket server's TCP listener. Accepting here instead of in
+// A TCP listener of the WebSocket server. Accepting here instead of in
 // QWebSocketServer's own listener lets the relay create every client's
 // socket itself, so that their write path is the relay's own; the socket is
 // then handed to the WebSocket handshake, and taken back from here once the
-// handshake has made a WebSocket of it.
+// handshake has made a WebSocket of it. The plain port's; the TLS port's
+// derives from it and encrypts first.
 class KorbRdvWsListener : public QTcpServer
 {
     Q_OBJECT
@@ -24,20 +26,26 @@ public:
 
     // Connections still in the handshake, at most: more are refused.
     void setMaxHandshakes(int connections) { m_maxHandshakes = connections; }
-    // The socket under a WebSocket whose handshake has completed, null when
-    // it is not one of ours.
-    KorbRdvClientSocket *takeHandshake(const QWebSocket *socket);
+    // The connection under a WebSocket whose handshake has completed, null
+    // when it is not one of this listener's.
+    KorbRdvClientLink *takeHandshake(const QWebSocket *socket);
 
 signals:
-    // A connection was accepted into a new socket, a child of the listener.
-    void accepted(KorbRdvClientSocket *socket);
+    // A connection, in a new socket that is a child of the listener, is
+    // ready for the WebSocket handshake.
+    void accepted(KorbRdvClientLink *link);
 
 protected:
     void incomingConnection(qintptr descriptor) override;
+    // A new socket of this port, a child of the listener.
+    virtual KorbRdvClientLink *newLink(qint64 replyBound);
+    // The connection holds a handshake place: the plain port hands it to
+    // the WebSocket handshake at once.
+    virtual void admit(KorbRdvClientLink *link);
 
 private:
     const qint64 m_replyBound;
     const qint64 m_readBufferSize;
     int m_maxHandshakes = 1;
-    QList<QPointer<KorbRdvClientSocket>> m_handshakes;
+    QList<QPointer<QTcpSocket>> m_handshakes;
 };

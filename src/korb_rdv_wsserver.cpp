@@ -1,16 +1,14 @@
 #include "src/korb_rdv_wsserver.h"
 
 #include "logger/korb_log.h"
-#include "src/korb_rdv_client_socket.h"
+#include "src/korb_rdv_client_link.h"
 #include "src/korb_rdv_command.h"
 #include "src/korb_rdv_packet.h"
-#include "src/korb_rdv_playback.h"
 #include "src/korb_rdv_settings.h"
 #include "src/korb_rdv_ws_client.h"
 
 #include <QCoreApplication>
 #include <QTimer>
-#include <QTimerEvent>
 
 int WebSocketServer::s_broadcastCount = 0;
 
@@ -39,25 +37,23 @@ WebSocketServer::WebSocketServer(QObject *parent, quint16 port)
     : QWebSocketServer(QStringLiteral("rdv"), QWebSocketServer::NonSecureMode, parent),
       m_port(port ? port : Korb::DefaultPort),
       m_listener(new KorbRdvWsListener(this, MaxClientReplyBacklog, ClientReadBufferSize)),
-      m_fanOut(new KorbRdvFanOut(this, m_clients))
+      m_fanOut(new KorbRdvFanOut(this, m_clients)), m_playback(new KorbRdvPlayback(this, this))
 {
-    m_listener->setMaxHandshakes(m_maxClients);
+    addListener(m_listener);
     connect(this, &QWebSocketServer::newConnection, this, &WebSocketServer::onNewConnection);
-    connect(m_listener, &KorbRdvWsListener::accepted, this,
-            [this](KorbRdvClientSocket *tcp) { handleConnection(tcp); });
     connect(m_fanOut, &KorbRdvFanOut::overQueued, this, &WebSocketServer::cutOff);
+    connect(m_fanOut, &KorbRdvFanOut::sent, this, &WebSocketServer::binaryBroadcast);
 }
 
 WebSocketServer::~WebSocketServer()
 {
-    stopPlaybackTimer();
     // Clients in the table or on their way out go with the server, without
-    // signals to it; those in the handshake go with the listener.
+    // signals to it; those in the handshake go with their listeners.
     for (QWebSocket *socket : findChildren<QWebSocket *>(QString(), Qt::FindDirectChildrenOnly)) {
         socket->disconnect(this);
         delete socket;
     }
-    delete m_listener;
+    qDeleteAll(m_listeners);
 }
 
 bool WebSocketServer::start(quint16 port)
@@ -76,9 +72,39 @@ void WebSocketServer::stop()
     if (!isListening())
         return;
     close();
-    stopPlaybackTimer();
+    m_playback->pause();
     for (QWebSocket *socket : m_clients.keys())
         socket->close();
+}
+
+void WebSocketServer::close()
+{
+    for (KorbRdvWsListener *listener : qAsConst(m_listeners))
+        listener->close();
+}
+
+void WebSocketServer::addListener(KorbRdvWsListener *listener)
+{
+    listener->setParent(this);
+    m_listeners.append(listener);
+    listener->setMaxHandshakes(m_maxClients);
+    connect(listener, &KorbRdvWsListener::accepted, this,
+            [this](KorbRdvClientLink *link) { handleConnection(link->socket()); });
+}
+
+void WebSocketServer::setMaxClients(int clients)
+{
+    m_maxClients = qMax(1, clients);
+    for (KorbRdvWsListener *listener : qAsConst(m_listeners))
+        listener->setMaxHandshakes(m_maxClients);
+}
+
+void WebSocketServer::setExternalConsumers(int count)
+{
+    const bool had = consumerCount() > 0;
+    m_externalConsumers = qMax(0, count);
+    if (had != (consumerCount() > 0))
+        m_playback->follow(consumerCount(), !had); // a broker link is a consumer like a client
 }
 
 void WebSocketServer::onNewConnection()
@@ -89,8 +115,10 @@ void WebSocketServer::onNewConnection()
     // Owned by the server: sockets released with deleteLater that the event
     // loop never reaches again still go when the server goes.
     socket->setParent(this);
-    KorbRdvClientSocket *tcp = m_listener->takeHandshake(socket);
-    if (!tcp || m_clients.size() >= m_maxClients) {
+    KorbRdvClientLink *link = nullptr;
+    for (KorbRdvWsListener *listener : qAsConst(m_listeners))
+        link = link ? link : listener->takeHandshake(socket);
+    if (!link || m_clients.size() >= m_maxClients) {
         KLOGF(this, 1, tr("клиент отклонён: подключено предельное число клиентов (%1)").arg(m_maxClients));
         connect(socket, &QWebSocket::disconnected, socket, &QObject::deleteLater);
         dismiss(socket, CloseCodeTryAgainLater, QStringLiteral("too many clients"));
@@ -101,15 +129,15 @@ void WebSocketServer::onNewConnection()
     connect(socket, &QWebSocket::textMessageReceived, this, &WebSocketServer::onReadyReadT);
     connect(socket, &QWebSocket::binaryMessageReceived, this, &WebSocketServer::onReadyReadB);
     connect(socket, &QWebSocket::disconnected, this, &WebSocketServer::onDisconnected);
-    auto *client = new KorbRdvWsClient(this, socket, tcp, m_fanOut->newest());
+    auto *client = new KorbRdvWsClient(this, socket, link, m_fanOut->newest());
     connect(client, &KorbRdvWsClient::ready, m_fanOut, [this, socket] { m_fanOut->ready(socket); });
     connect(client, &KorbRdvWsClient::repliesUnread, this, [this, client] { onRepliesUnread(client); });
     m_clients.insert(socket, client);
     emit connected(socket);
     KTRACE << "client" << client->descriptor() << socket->peerAddress().toString() << socket->peerPort()
            << "clients:" << m_clients.size();
-    if (m_playback && m_playback->isLoaded() && m_clients.size() <= 1)
-        restartPlayback(true); // a first listener hears the recording from its start
+    // A first listener hears the recording from its start.
+    m_playback->follow(consumerCount(), consumerCount() == 1);
 }
 
 void WebSocketServer::onDisconnected()
@@ -137,17 +165,16 @@ bool WebSocketServer::removeClient(quint64 descriptor)
     socket->close(QWebSocketProtocol::CloseCodeNormal, QString());
     socket->deleteLater();
     // Deliberately "at most one": the last remaining listener does not keep
-    // playback going after an explicit removal.
-    if (m_clients.size() <= 1)
-        stopPlaybackTimer();
+    // playback going after an explicit removal; a broker link still does.
+    if (m_clients.size() <= 1 && m_externalConsumers == 0)
+        m_playback->pause();
     return true;
 }
 
 void WebSocketServer::dropFromTable(QWebSocket *socket)
 {
     delete m_clients.take(socket);
-    if (m_clients.isEmpty())
-        stopPlaybackTimer();
+    m_playback->follow(consumerCount(), false);
 }
 
 void WebSocketServer::onRepliesUnread(KorbRdvWsClient *client)
@@ -203,7 +230,7 @@ void WebSocketServer::sendAllClients(const QVariant &data)
 
 void WebSocketServer::sendRdv(const RdvFrame *frame)
 {
-    if (!frame || m_clients.isEmpty())
+    if (!frame || consumerCount() == 0)
         return;
     ++s_broadcastCount;
     m_fanOut->send(Rdv::buildPacket(frame));
@@ -211,13 +238,18 @@ void WebSocketServer::sendRdv(const RdvFrame *frame)
 
 void WebSocketServer::sendRdv(const RdvChannelMap &channels)
 {
-    if (m_clients.isEmpty())
+    if (consumerCount() == 0)
         return;
     bool oversize = false;
     const QByteArray packet = Rdv::buildPacket(channels, &oversize);
     if (oversize)
         KTRACE << "length Oversize quint16";
     ++s_broadcastCount;
+    m_fanOut->send(packet);
+}
+
+void WebSocketServer::sendPacket(const QByteArray &packet)
+{
     m_fanOut->send(packet);
 }
 
@@ -235,8 +267,7 @@ void WebSocketServer::onReadyReadT(const QString &message)
         emit runCmd(command.word);
     } else if (command.action == RdvClientCommand::SetInterval) {
         Korb::sendIntervalMs = command.intervalMs;
-        if (m_playback && m_playback->isLoaded())
-            restartPlayback(false);
+        m_playback->play(false);
         emit runCmd(command.intervalMs);
     }
     if (!command.reply.isEmpty())
@@ -261,38 +292,8 @@ void WebSocketServer::onReadyReadB(const QByteArray &message)
 
 bool WebSocketServer::setFileNm(const QString &name)
 {
-    if (!m_playback)
-        m_playback = new KorbRdvPlayback(this, this);
     const bool loaded = m_playback->load(name); // a file that does not exist changes nothing
-    if (!m_playback->isLoaded())
-        stopPlaybackTimer();
-    else if (loaded && !m_clients.isEmpty())
-        restartPlayback(true);
+    if (loaded)
+        m_playback->follow(consumerCount(), true);
     return loaded;
-}
-
-void WebSocketServer::restartPlayback(bool rewind)
-{
-    m_playback->restart(rewind);
-    if (m_timerId)
-        killTimer(m_timerId);
-    m_timerInterval = qMax<int>(1, Korb::sendIntervalMs);
-    m_timerId = startTimer(m_timerInterval, Qt::PreciseTimer);
-}
-
-void WebSocketServer::stopPlaybackTimer()
-{
-    if (m_timerId)
-        killTimer(m_timerId);
-    m_timerId = 0;
-}
-
-void WebSocketServer::timerEvent(QTimerEvent *event)
-{
-    if (event->timerId() != m_timerId || m_timerId == 0) {
-        QWebSocketServer::timerEvent(event);
-        return;
-    }
-    if (!m_playback->step())
-        stopPlaybackTimer(); // a file without frames: no tick will find one
 }

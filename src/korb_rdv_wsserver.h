@@ -1,6 +1,7 @@
 #pragma once
 
 #include "src/korb_rdv_fanout.h"
+#include "src/korb_rdv_playback.h"
 #include "src/korb_rdv_sink.h"
 #include "src/korb_rdv_wire.h"
 #include "src/korb_rdv_ws_listener.h"
@@ -10,15 +11,14 @@
 #include <QWebSocket>
 #include <QWebSocketServer>
 
-class KorbRdvPlayback;
 class KorbRdvWsClient;
-class QTimerEvent;
 
-// The daemon's only outward data interface: a plain WebSocket server that
-// keeps the table of its clients, answers their text commands and
-// broadcasts the binary Rdv packets built from the device frames (through
-// its fan-out). A loaded recording is replayed by the playback source, whose
-// timer the server keeps: the first client starts it, the last one stops it.
+// The daemon's only outward data interface: a WebSocket server (plain, and
+// TLS through a listener added to it) that keeps the table of its clients,
+// answers their text commands and broadcasts the binary Rdv packets built
+// from the device frames (through its fan-out). A loaded recording is
+// replayed by the playback source while anybody takes its packets: the first
+// consumer starts it, the last one stops it.
 class WebSocketServer : public QWebSocketServer, public KorbRdvSink
 {
     Q_OBJECT
@@ -62,15 +62,16 @@ public:
     }
     bool isListening() const { return m_listener->isListening(); }
     quint16 serverPort() const { return m_listener->serverPort(); }
-    void close() { m_listener->close(); }
+    // Closes every port of the relay.
+    void close();
     QString errorString() const { return m_listener->errorString(); }
+    // Another port of the relay (TLS): its connections join the same
+    // handshake and client table. The server takes it as a child, closes it
+    // with the plain one and deletes it after the clients, whose sockets it owns.
+    void addListener(KorbRdvWsListener *listener);
 
     int maxClients() const { return m_maxClients; }
-    void setMaxClients(int clients)
-    {
-        m_maxClients = qMax(1, clients);
-        m_listener->setMaxHandshakes(m_maxClients);
-    }
+    void setMaxClients(int clients);
     void setMaxQueuedBytes(qint64 bytes) { m_fanOut->setMaxQueuedBytes(bytes); }
 
     bool sendClient(quint64 descriptor, const QVariant &data);
@@ -78,15 +79,23 @@ public:
     void sendAllClients(const QVariant &data);
     bool removeClient(quint64 descriptor);
     int clientCount() const override { return m_clients.size(); }
+    // Clients plus the consumers outside the table (a broker link that
+    // publishes the packets): packets are built, and playback runs, while
+    // there is any.
+    int consumerCount() const override { return m_clients.size() + m_externalConsumers; }
+    void setExternalConsumers(int count);
 
     void sendRdv(const RdvFrame *frame) override;
     void sendRdv(const RdvChannelMap &channels) override;
+    void sendPacket(const QByteArray &packet) override;
 
     // Loads a recording for playback (the playback source's load rules).
     bool setFileNm(const QString &name);
     // Whether the playback timer runs, and its period.
-    bool playbackActive() const { return m_timerId != 0; }
-    int playbackTimerInterval() const { return m_timerInterval; }
+    bool playbackActive() const { return m_playback->isPlaying(); }
+    int playbackTimerInterval() const { return m_playback->tickMs(); }
+    // Frames of the recording taken by the playback's accept step.
+    qint64 playbackFrames() const { return m_playback->scanner().framesAccepted(); }
 
     // Binary messages handed to the broadcast since the process started.
     static int broadcastCount() { return s_broadcastCount; }
@@ -101,6 +110,8 @@ signals:
     void readyRead(const QVariant &message, QWebSocket *socket);
     void runCmd(const QString &cmd);
     void runCmd(quint16 intervalMs);
+    // Every packet handed to the broadcast, as the clients get it.
+    void binaryBroadcast(const QByteArray &packet);
 
 public slots:
     void onReadyReadT(const QString &message);
@@ -108,13 +119,7 @@ public slots:
     void onNewConnection();
     void onDisconnected();
 
-protected:
-    // The playback timer: one playback step per tick.
-    void timerEvent(QTimerEvent *event) override;
-
 private:
-    void restartPlayback(bool rewind);
-    void stopPlaybackTimer();
     void dropFromTable(QWebSocket *socket);
     void onRepliesUnread(KorbRdvWsClient *client);
     void cutOff(KorbRdvWsClient *client);
@@ -126,12 +131,12 @@ private:
 
     static int s_broadcastCount;
     quint16 m_port;
-    int m_timerId = 0;
-    int m_timerInterval = 0;
-    KorbRdvPlayback *m_playback = nullptr;
-    KorbRdvWsListener *m_listener;
+    KorbRdvWsListener *m_listener; // the plain port's, first of the listeners
+    QList<KorbRdvWsListener *> m_listeners;
     int m_maxClients = DefaultMaxClients;
+    int m_externalConsumers = 0;
     // The client table, ordered by socket pointer: broadcasts visit it in that order.
     QMap<QWebSocket *, KorbRdvWsClient *> m_clients;
     KorbRdvFanOut *m_fanOut;
+    KorbRdvPlayback *m_playback;
 };

@@ -166,7 +166,8 @@ void tst_KorbPackage::control()
 void tst_KorbPackage::dependencies_data()
 {
     QTest::addColumn<QString>("library");
-    for (const char *package : {"libc6", "libstdc++6", "libqt5core5a", "libqt5network5", "libqt5websockets5"})
+    for (const char *package :
+         {"libc6", "libstdc++6", "libqt5core5a", "libqt5network5", "libqt5websockets5", "libmosquitto1"})
         QTest::newRow(package) << QString::fromLatin1(package);
 }
 

@@ -6,25 +6,17 @@
 #include "src/korb_rdv_server.h"
 #include "src/korb_rdv_settings.h"
 #include "src/korb_rdv_wsserver.h"
+#include "support/ws_test_client.h"
 
-#include <QTcpServer>
-#include <QUdpSocket>
 #include <QtTest>
+
+using RdvTest::freePort;
 
 namespace {
 QString logText()
 {
     QFile f(KorbLoggerLight::instance()->currentFilePath());
     return f.open(QIODevice::ReadOnly) ? QString::fromUtf8(f.readAll()) : QString();
-}
-
-QString freePort(bool udp = false)
-{
-    QTcpServer tcp;
-    QUdpSocket datagrams;
-    const bool ok =
-        udp ? datagrams.bind(QHostAddress(QHostAddress::LocalHost)) : tcp.listen(QHostAddress::LocalHost);
-    return QString::number(ok ? (udp ? datagrams.localPort() : tcp.serverPort()) : 0);
 }
 
 // On a free port unless the options name one.

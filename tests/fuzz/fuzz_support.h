@@ -65,6 +65,7 @@ struct PacketSink : KorbRdvSink
     int clientCount() const override { return 1; }
     void sendRdv(const RdvFrame *frame) override { take(Rdv::buildPacket(frame)); }
     void sendRdv(const RdvChannelMap &channels) override { take(Rdv::buildPacket(channels)); }
+    void sendPacket(const QByteArray &packet) override { take(packet); }
     void take(const QByteArray &packet)
     {
         FUZZ_CHECK(packet.isEmpty() || KorbRdvDecoder::decode(packet).ok);

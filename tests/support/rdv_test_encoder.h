@@ -48,6 +48,7 @@ struct RecordingSink : KorbRdvSink
     int clientCount() const override { return clients; }
     void sendRdv(const RdvFrame *frame) override;
     void sendRdv(const RdvChannelMap &channels) override;
+    void sendPacket(const QByteArray &packet) override { seen << 'p' + describePacket(packet); }
 };
 
 } // namespace RdvTest

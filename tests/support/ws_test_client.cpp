@@ -3,8 +3,11 @@
 #include "src/korb_rdv_wsserver.h"
 
 #include <QNetworkProxy>
+#include <QSignalSpy>
+#include <QTcpServer>
 #include <QTcpSocket>
 #include <QTest>
+#include <QUdpSocket>
 #include <QtEndian>
 
 namespace RdvTest {
@@ -18,21 +21,38 @@ WsTestClient::WsTestClient(QObject *parent) : QObject(parent)
     connect(&socket, &QWebSocket::disconnected, this, [this] { closeCode = int(socket.closeCode()); });
 }
 
-WsTestClient *connectClient(WebSocketServer &server, QObject *parent)
+WsTestClient *connectClient(WebSocketServer &server, QObject *parent, const QString &url,
+                            const QSslConfiguration &tls)
 {
     auto *c = new WsTestClient(parent);
-    const int before = server.clientCount();
-    c->socket.open(QUrl(QStringLiteral("ws://127.0.0.1:%1").arg(server.serverPort())));
-    if (QTest::qWaitFor([&] { return c->socket.isValid() && server.clientCount() == before + 1; }, 5000))
+    QSignalSpy added(&server, &WebSocketServer::connected);
+    if (!tls.isNull())
+        c->socket.setSslConfiguration(tls);
+    c->socket.open(QUrl(url.isEmpty() ? QStringLiteral("ws://127.0.0.1:%1").arg(server.serverPort()) : url));
+    if (QTest::qWaitFor([&] { return c->socket.isValid() && !added.isEmpty(); }, 5000))
         return c;
     delete c;
     return nullptr;
+}
+
+QString freePort(bool udp)
+{
+    QTcpServer tcp;
+    QUdpSocket datagrams;
+    const bool ok =
+        udp ? datagrams.bind(QHostAddress(QHostAddress::LocalHost)) : tcp.listen(QHostAddress::LocalHost);
+    return QString::number(ok ? (udp ? datagrams.localPort() : tcp.serverPort()) : 0);
 }
 
 bool rawHandshake(QTcpSocket &socket, quint16 port)
 {
     socket.setProxy(QNetworkProxy::NoProxy);
     socket.connectToHost(QHostAddress::LocalHost, port);
+    return rawUpgrade(socket);
+}
+
+bool rawUpgrade(QTcpSocket &socket)
+{
     socket.write("GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
                  "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n\r\n");
     if (!QTest::qWaitFor([&] { return socket.peek(4096).contains("\r\n\r\n"); }, 5000))

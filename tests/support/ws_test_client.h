@@ -3,6 +3,7 @@
 // Clients on 127.0.0.1: a QWebSocket that records what it receives, and a raw TCP one.
 
 #include <QByteArrayList>
+#include <QSslConfiguration>
 #include <QStringList>
 #include <QWebSocket>
 
@@ -19,11 +20,20 @@ struct WsTestClient : QObject
     QByteArrayList binaries;
     int closeCode = -1; // once disconnected
 };
-// A client of `server` once both ends are done with the handshake; null on failure.
-WsTestClient *connectClient(WebSocketServer &server, QObject *parent);
+// A client of `server` once both ends are done with the handshake; null on
+// failure. At ws://127.0.0.1:<its plain port> unless `url` says otherwise,
+// and with `tls` for a wss:// one.
+WsTestClient *connectClient(WebSocketServer &server, QObject *parent, const QString &url = QString(),
+                            const QSslConfiguration &tls = QSslConfiguration());
+
+// A port of 127.0.0.1 free a moment ago (TCP, or UDP), as an option's text.
+QString freePort(bool udp = false);
 
 // Connects to 127.0.0.1:port and completes the handshake by hand.
 bool rawHandshake(QTcpSocket &socket, quint16 port);
+// The handshake by hand on a socket that is connecting or connected
+// (encrypting, for TLS).
+bool rawUpgrade(QTcpSocket &socket);
 // A masked text frame (a zero key: the payload stays as it is).
 QByteArray clientTextFrame(const QByteArray &payload);
 // Reads a raw client until the server's close frame: its code, or -1.

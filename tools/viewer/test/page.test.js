@@ -1,14 +1,16 @@
 // The viewer page (file://) in headless Chromium against the real relay replaying
 // a simulator recording: every group shows up, the interval control gets the
 // relay's "... OK", the dump buttons send, and the page reconnects when the relay
-// restarts. Screenshots go to KORB_VIEW_ARTIFACTS_DIR. Run by CTest; exits 77
-// (skipped) where Chromium or playwright-core is not installed.
+// restarts; over wss:// too, with a throwaway certificate that this Chromium alone
+// trusts (skipped without openssl). Screenshots go to KORB_VIEW_ARTIFACTS_DIR. Run
+// by CTest; exits 77 (skipped) where Chromium or playwright-core is not installed.
 'use strict';
 
 const fs = require('node:fs');
 const path = require('node:path');
 const os = require('node:os');
 const net = require('node:net');
+const crypto = require('node:crypto');
 const { spawn, execFileSync } = require('node:child_process');
 const { pathToFileURL } = require('node:url');
 
@@ -79,18 +81,41 @@ function recordingGroups(file) {
   return { groups: [...groups], single };
 }
 
+// A self-signed certificate for 127.0.0.1 and its key (mode 0600) in `dir`, the
+// relay's configuration naming them, and the base64 SHA-256 of the certificate's
+// public key, by which Chromium is told to trust it; null without openssl.
+function makeTls(dir) {
+  const crt = path.join(dir, 'korb.crt');
+  const key = path.join(dir, 'korb.key');
+  try {
+    execFileSync('openssl', ['req', '-x509', '-newkey', 'ec', '-pkeyopt', 'ec_paramgen_curve:prime256v1', '-nodes',
+      '-days', '2', '-subj', '/CN=127.0.0.1', '-addext', 'subjectAltName=IP:127.0.0.1', '-keyout', key, '-out', crt],
+    { stdio: 'pipe', timeout: 30000 });
+  } catch (e) {
+    if (e.code === 'ENOENT') return null;
+    throw e;
+  }
+  fs.chmodSync(key, 0o600);
+  const config = path.join(dir, 'relay.ini');
+  fs.writeFileSync(config, `[tls]\ncertificate=${crt}\nkey=${key}\n`);
+  const spki = new crypto.X509Certificate(fs.readFileSync(crt)).publicKey.export({ type: 'spki', format: 'der' });
+  return { config, spki: crypto.createHash('sha256').update(spki).digest('base64') };
+}
+
 class Relay {
-  constructor(port, recording, name) {
+  constructor(port, recording, name, tls) {
     this.port = port;
     this.recording = recording;
     this.name = name;
+    this.tls = tls; // { port, config } or null
     this.output = '';
   }
 
   async start() {
     const devicePort = await freePort();
+    const config = this.tls ? ['-ps', String(this.tls.port), '-cfg', this.tls.config] : ['-nofile'];
     this.proc = spawn(STREAMER, ['-e', '-n', this.name, '-p', String(this.port), `-addr=127.0.0.1:${devicePort}`,
-      `-file=${this.recording}`, '-interval_ms=50', '-nofile'], { stdio: ['ignore', 'pipe', 'pipe'] });
+      `-file=${this.recording}`, '-interval_ms=50', ...config], { stdio: ['ignore', 'pipe', 'pipe'] });
     this.exited = new Promise((resolve) => this.proc.on('exit', (code, sig) => resolve({ code, sig })));
     let gone = null;
     this.exited.then((r) => (gone = r));
@@ -114,6 +139,7 @@ class Relay {
 }
 
 let tmp;
+let tls;
 let relay;
 let expected;
 let context;
@@ -129,14 +155,17 @@ test.before(async () => {
   execFileSync(sim, ['--write', recording, '--seconds', '2'], { stdio: 'pipe', timeout: 30000 });
   expected = recordingGroups(recording);
   assert.ok(expected.groups.length > 0 || expected.single, 'the recording holds no frame');
-  relay = new Relay(await freePort(), recording, `ViewPage${process.pid}`);
+  tls = makeTls(tmp);
+  relay = new Relay(await freePort(), recording, `ViewPage${process.pid}`,
+    tls && { port: await freePort(), config: tls.config });
   await relay.start();
   context = await chromium.launchPersistentContext(path.join(tmp, 'profile'), {
     executablePath: CHROMIUM,
     headless: true,
     viewport: { width: 1280, height: 900 },
     args: ['--headless', '--no-sandbox', '--disable-gpu', '--disable-background-networking', '--disable-quic',
-      '--no-first-run', '--disable-component-update', '--disable-sync'],
+      '--no-first-run', '--disable-component-update', '--disable-sync',
+      ...(tls ? [`--ignore-certificate-errors-spki-list=${tls.spki}`] : [])],
   });
 });
 
@@ -203,6 +232,22 @@ test('file:// page shows the groups of the recording, steers the relay and recon
   const before = Number(await page.textContent('#packet-count'));
   await page.waitForFunction((n) => Number(document.getElementById('packet-count').textContent) > n + 5, before,
     { timeout: UI_TIMEOUT_MS });
+  await page.close();
+  assert.deepEqual(pageErrors, []);
+});
+
+test('the page over wss:// shows the groups and steers the relay', async (t) => {
+  if (!tls) {
+    t.skip('openssl is not installed: no test certificate');
+    return;
+  }
+  const url = `${pathToFileURL(path.join(VIEWER_DIR, 'index.html')).href}?url=wss://127.0.0.1:${relay.tls.port}`;
+  const page = await openPage(url);
+  await expectGroups(page);
+  await page.fill('#interval', '80');
+  await page.click('#send-interval');
+  await page.waitForFunction(() => document.getElementById('reply').textContent === 'ims:80 OK',
+    null, { timeout: UI_TIMEOUT_MS });
   await page.close();
   assert.deepEqual(pageErrors, []);
 });

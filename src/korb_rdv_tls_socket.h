@@ -1,0 +1,35 @@
+#pragma once
+
+#include "src/korb_rdv_client_link.h"
+
+#include <QSslSocket>
+
+// One client's connection on the TLS port. Every client encrypts on its
+// own, so a broadcast packet is copied into the socket and encrypted at the
+// end of the event-loop turn instead of going straight to the kernel. What
+// waits is counted in both stages: QSslSocket's own bytesToWrite() drops to
+// zero once the bytes are encrypted, however many of them the kernel has not
+// yet taken, and latest-wins and the bounds would never see a stalled client.
+class KorbRdvTlsSocket : public QSslSocket, public KorbRdvClientLink
+{
+    Q_OBJECT
+    Q_DISABLE_COPY(KorbRdvTlsSocket)
+
+public:
+    // `replyBound`: bytes of writes other than packets that may wait at once.
+    explicit KorbRdvTlsSocket(QObject *parent, qint64 replyBound);
+
+    QTcpSocket *socket() override { return this; }
+    // Plain bytes not yet encrypted and encrypted ones not yet with the kernel.
+    qint64 bytesToWrite() const override;
+
+    // Whether the WebSocket layer has answered the upgrade: its first write
+    // is that answer.
+    bool upgraded() const { return m_upgraded; }
+
+protected:
+    qint64 writeData(const char *data, qint64 size) override;
+
+private:
+    bool m_upgraded = false;
+};

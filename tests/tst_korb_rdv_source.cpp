@@ -49,6 +49,7 @@ struct CountingSink : KorbRdvSink
     explicit CountingSink(WebSocketServer &s) : server(s) {}
     int clientCount() const override { return server.clientCount(); }
     void sendRdv(const RdvFrame *frame) override { server.sendRdv(frame); }
+    void sendPacket(const QByteArray &packet) override { server.sendPacket(packet); }
     void sendRdv(const RdvChannelMap &channels) override
     {
         ++maps;

@@ -390,10 +390,8 @@ bool KorbServiceController::install(const QString &account, const QString &passw
             std::fprintf(stderr, "Cannot write %s\n", script.toLocal8Bit().constData());
         }
         runTool(QStringLiteral("chmod"), {QStringLiteral("755"), script});
-        runTool(QStringLiteral("ln"),
-                {QStringLiteral("-sf"),
-                 QStringLiteral("../..") + unitPath(m_name),
-                 script + QLatin1String(".service")});
+        runTool(QStringLiteral("ln"), {QStringLiteral("-sf"), QStringLiteral("../..") + unitPath(m_name),
+                                       script + QLatin1String(".service")});
 
         const QByteArray unitName = KorbSystemd::unitName(m_name).toLocal8Bit();
         printLine(tr("Не забудьте включить службу %1 и запустить её").arg(m_name));

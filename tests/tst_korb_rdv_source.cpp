@@ -109,204 +109,188 @@ class TestKorbRdvSource : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase();
-    void scan_data();
-    void scan();
-    void udp_data();
-    void udp();
-    void tcpWaitsForAFrameWorth();
-    void dumpsAndSilence_data();
-    void dumpsAndSilence();
-    void tcpReconnects();
-    void datagramsTakenDuringBroadcast();
+    void initTestCase()
+    {
+        Korb::setAppDir(m_dir.filePath("bin")); // dumps go to <dir>/tmp
+    }
+
+    void scan_data()
+    {
+        QTest::addColumn<L>("chunks"); // written into a 4 KiB buffer
+        QTest::addColumn<int>("clients");
+        QTest::addColumn<QString>("handoffs"); // at an interval of 50 ms
+        FrameSpec k0 = single(0), k3 = single(0), bad = single(0), over = single(0, 13001);
+        k0.kind = 0, k3.kind = 3, bad.magic = Magic + 1, over.samples = 0;
+        // clang-format off
+        QTest::newRow("50 ms after the last sent is not enough") << L{stream({single(100), single(150), single(152)})} << 1 << "s152";
+        QTest::newRow("the first frame only sets the clock; older passes") << L{stream({single(5000), single(5100), single(0)})} << 1 << "s5100 s0";
+        QTest::newRow("the two bytes after a frame are never looked at") << L{stream({single(0)}, 0) + stream({single(100), single(200)})} << 1 << "s200";
+        QTest::newRow("kinds 0, 3, a wrong magic, 13001 samples: no frames") << L{stream({k0, k3, bad, over, single(0, 1), single(100, 1)})} << 1 << "s100";
+        QTest::newRow("no client: nothing handed on") << L{stream({channel(1, 0), channel(2, 100), single(200)})} << 0 << "";
+        QTest::newRow("kind 1: the latest frame of every group") << L{stream({channel(1, 0), channel(-3, 100), channel(1, 200)})} << 1 << "m-3@100,1@0 m-3@100,1@200";
+        QTest::newRow("kind 2 behind kind 1: the kind-1 frame under -1")
+            << L{stream({channel(3, 0), channel(3, 100), single(200), channel(3, 300), channel(3, 400)})} << 1 << "m3@100 m-1@100,3@300 m-1@100,3@400";
+        QTest::newRow("a write goes on from the last frame, not sent twice") << L{stream({single(0), single(100)}), stream({single(200)})} << 1 << "s100 s200";
+        QTest::newRow("a write past the end starts at 0") << L{QByteArray(4000, 'z'), stream({single(0), single(100)})} << 1 << "s100";
+        // clang-format on
+    }
+
+    void scan()
+    {
+        QFETCH(L, chunks);
+        QFETCH(int, clients);
+        QFETCH(QString, handoffs);
+        // The faster searches must give exactly what the byte-by-byte one gives.
+        for (auto how : {KorbRdvScanner::Search::Bytewise, KorbRdvScanner::Search::Memchr,
+                         KorbRdvScanner::Search::Simd}) {
+            RecordingSink sink;
+            sink.clients = clients;
+            KorbRdvScanner scanner(&sink);
+            scanner.setSearch(how);
+            QVERIFY(feed(scanner, chunks));
+            QCOMPARE(sink.text(), handoffs);
+        }
+    }
+
+    void udp_data()
+    {
+        QTest::addColumn<int>("port");
+        QTest::addColumn<int>("clientsFrom"); // the sink has clients from this datagram on
+        QTest::addColumn<L>("datagrams");
+        QTest::addColumn<QString>("handoffs");
+        const L groups = {dg(1, channel(1, 0)), dg(2, channel(2, 100)), dg(3, channel(1, 200)),
+                          dg(4, channel(2, 300))};
+        const QByteArray split = frame(channel(2, 100, 3000));
+        // clang-format off
+        QTest::newRow("a frame completes when the next opens; the first sets the clock") << 0 << 0 << run(1, 1, {0, 100, 200}) << "m1@100";
+        QTest::newRow("the latest frame of every group, entered with no client too") << 0 << 2 << groups << "m1@0,2@100 m1@200,2@100";
+        QTest::newRow("second port: groups 8 higher") << 1 << 0 << L{dg(1, channel(3, 0)), dg(2, channel(3, 100)), dg(3, channel(-7, 200)), dg(4, channel(3, 300))} << "m11@100 m1@200,11@100";
+        QTest::newRow("a sequence gap drops the datagram and the frame in progress") << 0 << 0 << run(1, 1, {0, 100}) + run(4, 1, {200, 300, 400}) << "m1@300";
+        QTest::newRow("so does a length field one short") << 0 << 0 << run(1, 1, {0}) + L{dg(2, channel(1, 100), 0, -1)} + run(3, 1, {200, 300, 400}) << "m1@300";
+        QTest::newRow("frames open at offsets 11 and 14, not at 15, and only kind 1") << 0 << 0 << L{dg(1, channel(1, 500), 7), dg(2, single(600)), dg(3, channel(1, 0), 3), dg(4, channel(1, 100), 6)} + run(5, 1, {200}) << "m1@100";
+        QTest::newRow("a frame spread over two datagrams is joined") << 0 << 0 << run(1, 1, {0}) + L{datagram(2, split.left(1300)), datagram(3, split.mid(1300))} + run(4, 1, {300}) << "m1@0,2@100";
+        // clang-format on
+    }
+
+    void udp()
+    {
+        QFETCH(int, port);
+        QFETCH(int, clientsFrom);
+        QFETCH(L, datagrams);
+        QFETCH(QString, handoffs);
+        Devices d;
+        QVERIFY(d.up);
+        d.sink.clients = 0;
+        QVERIFY(d.send(port, datagrams.mid(0, clientsFrom)));
+        d.sink.clients = 1;
+        QVERIFY(d.send(port, datagrams.mid(clientsFrom)));
+        QCOMPARE(d.sink.text(), handoffs);
+    }
+
+    void tcpWaitsForAFrameWorthAndReconnects()
+    {
+        Devices d;
+        QSignalSpy accepted(&d.server, &QTcpServer::newConnection);
+        QVERIFY(d.up);
+        const QByteArray first = stream({single(0, 1000)}), second = stream({single(100, 1000)});
+        QVERIFY(d.write(first));
+        d.peer->write(second.left(100)); // less than the last frame's length stays in the socket
+        QTRY_COMPARE(d.tcp->pendingBytes(), qint64(100));
+        QCOMPARE(d.tcp->scanner().fillEnd(), first.size());
+        QVERIFY(d.write(second.mid(100)));
+        QCOMPARE(d.sink.text(), QStringLiteral("s100"));
+        d.peer->disconnectFromHost();
+        QVERIFY(accepted.wait(5000)); // one pause later it is back
+        d.tcp->stop();                // stopped, it stays closed
+        QTRY_COMPARE(d.peer->state(), QAbstractSocket::UnconnectedState);
+        QVERIFY(!d.tcp->reconnectPending());
+    }
+
+    void dumpsAndSilence_data()
+    {
+        QTest::addColumn<bool>("udp");
+        QTest::newRow("UDP, buf: the completed frames") << true;
+        QTest::newRow("TCP, csv: the oldest frame in the ring as absolute 16-bit values") << false;
+    }
+
+    void dumpsAndSilence()
+    {
+        QFETCH(bool, udp);
+        QDir dumps(KorbRdvSource::dumpDir());
+        dumps.removeRecursively();
+        Devices d(udp ? 1 << 20 : 132); // the TCP buffer holds two frames with their gaps
+        QVERIFY(d.up);
+        KorbRdvSource *source = udp ? static_cast<KorbRdvSource *>(d.udp.data()) : d.tcp.data();
+        emit d.commands.runCmd(QStringLiteral("buf")); // no buffer yet: ignored
+        for (int ms : {0, 100, 200})
+            QVERIFY(udp ? d.send(0, {dg(quint32(ms / 100 + 1), channel(4, ms))})
+                        : d.write(stream({channel(4, ms)})));
+        emit d.commands.runCmd(QString(udp ? " buf " : "csv"));
+        for (int i = 0; i < KorbRdvSource::DumpBurst; ++i)
+            emit d.commands.runCmd(QStringLiteral("buf")); // the burst's last one is dropped
+        const QString name =
+            QStringLiteral("zz-uzk_%1_0000.%2").arg(BaseSec - 946684800).arg(udp ? "rdv" : "csv");
+        const QStringList files = dumps.entryList(QDir::Files);
+        QCOMPARE(files.size(), KorbRdvSource::DumpBurst);
+        QCOMPARE(files.first(), name);
+        QVERIFY(files.last().endsWith(
+            QStringLiteral("_%1.rdv").arg(KorbRdvSource::DumpBurst - 1, 4, 10, QLatin1Char('0'))));
+        QFile dump(dumps.filePath(name));
+        QVERIFY(dump.open(QIODevice::ReadOnly));
+        QByteArray csv = "x;y\r\n", oldest = frame(channel(4, 100));
+        for (int i = 0; i < 4; ++i)
+            csv += QByteArray::number(i) + ';' +
+                   QByteArray::number(qAbs(qFromLittleEndian<qint16>(oldest.constData() + 56 + 2 * i))) +
+                   "\r\n";
+        QCOMPARE(dump.readAll(), udp ? frame(channel(4, 0)) + oldest : csv);
+        // The silence ends the burst: the buffer goes, the file counter and the gate start afresh.
+        QTRY_VERIFY_WITH_TIMEOUT(!source->scanner().hasBuffer(), 3000);
+        QCOMPARE(source->fileCounter(), 0);
+        QVERIFY(udp ? d.send(0, run(4, 4, {5000, 5004, 5100, 5200}))
+                    : d.write(stream({channel(4, 5000), channel(4, 5004), channel(4, 5100)})));
+        QCOMPARE(d.sink.text(), QString(udp ? "m4@100 m4@5100" : "m4@100 m4@200 m4@5100"));
+    }
+
+    // A broadcast of large maps to many clients goes on in slices while datagrams
+    // keep coming: datagrams are read between slices, none is lost, and every
+    // client ends with the newest map.
+    void datagramsTakenDuringBroadcast()
+    {
+        WebSocketServer server(nullptr, 0);
+        QVERIFY(server.listen(QHostAddress::LocalHost));
+        QObject owner;
+        QList<WsTestClient *> clients;
+        for (int i = 0; i < 32; ++i)
+            QVERIFY((clients << connectClient(server, &owner)).last());
+        CountingSink sink(server);
+        KorbRdvStreamerUdp udp(nullptr, &sink, &server, 0, 0);
+        udp.setLocalAddress(QHostAddress::LocalHost);
+        QUdpSocket device;
+        QVERIFY(udp.bind() && device.bind(QHostAddress(QHostAddress::LocalHost), 0));
+        // Full-size frames of 4 groups, 100 ms apart: each completes when the next opens.
+        QVector<QByteArray> latest(4);
+        for (int i = 0; i < 40; ++i) {
+            const QByteArray f = frame(channel(qint8(i % 4), 100 * i, 13000));
+            device.writeDatagram(datagram(quint32(i + 1), f), QHostAddress::LocalHost, udp.port1());
+            if (i < 39)
+                latest[i % 4] = f;
+        }
+        const auto keepLast = [&] {
+            for (WsTestClient *c : clients)
+                c->binaries.erase(c->binaries.begin(), c->binaries.end() - qMin(1, c->binaries.size()));
+            return true;
+        };
+        QTRY_VERIFY_WITH_TIMEOUT(keepLast() && udp.lastSequence(0) == 40, 10000);
+        QCOMPARE(sink.maps, 38); // frames 1 to 38: the first only starts the clock, the last is still open
+        QVERIFY(sink.duringPass > 0);
+        for (WsTestClient *c : clients)
+            QTRY_VERIFY_WITH_TIMEOUT(
+                keepLast() && c->binaries == QByteArrayList{channelPacket(latest.toList())}, 10000);
+    }
 
 private:
     QTemporaryDir m_dir;
 };
-
-void TestKorbRdvSource::initTestCase()
-{
-    Korb::setAppDir(m_dir.filePath("bin")); // dumps go to <dir>/tmp
-}
-
-void TestKorbRdvSource::scan_data()
-{
-    QTest::addColumn<L>("chunks"); // written into a 4 KiB buffer
-    QTest::addColumn<int>("clients");
-    QTest::addColumn<QString>("handoffs"); // at an interval of 50 ms
-    FrameSpec k0 = single(0), k3 = single(0), bad = single(0), over = single(0, 13001);
-    k0.kind = 0, k3.kind = 3, bad.magic = Magic + 1, over.samples = 0;
-    // clang-format off
-    QTest::newRow("50 ms after the last sent is not enough") << L{stream({single(100), single(150), single(152)})} << 1 << "s152";
-    QTest::newRow("the first frame only sets the clock; older passes") << L{stream({single(5000), single(5100), single(0)})} << 1 << "s5100 s0";
-    QTest::newRow("the two bytes after a frame are never looked at") << L{stream({single(0)}, 0) + stream({single(100), single(200)})} << 1 << "s200";
-    QTest::newRow("kinds 0, 3, a wrong magic, 13001 samples: no frames") << L{stream({k0, k3, bad, over, single(0, 1), single(100, 1)})} << 1 << "s100";
-    QTest::newRow("no client: nothing handed on") << L{stream({channel(1, 0), channel(2, 100), single(200)})} << 0 << "";
-    QTest::newRow("kind 1: the latest frame of every group") << L{stream({channel(1, 0), channel(-3, 100), channel(1, 200)})} << 1 << "m-3@100,1@0 m-3@100,1@200";
-    QTest::newRow("kind 2 behind kind 1: the kind-1 frame under -1")
-        << L{stream({channel(3, 0), channel(3, 100), single(200), channel(3, 300), channel(3, 400)})} << 1 << "m3@100 m-1@100,3@300 m-1@100,3@400";
-    QTest::newRow("a write goes on from the last frame, not sent twice") << L{stream({single(0), single(100)}), stream({single(200)})} << 1 << "s100 s200";
-    QTest::newRow("a write past the end starts at 0") << L{QByteArray(4000, 'z'), stream({single(0), single(100)})} << 1 << "s100";
-    // clang-format on
-}
-
-void TestKorbRdvSource::scan()
-{
-    QFETCH(L, chunks);
-    QFETCH(int, clients);
-    QFETCH(QString, handoffs);
-    // The faster searches must give exactly what the byte-by-byte one gives.
-    for (auto how :
-         {KorbRdvScanner::Search::Bytewise, KorbRdvScanner::Search::Memchr, KorbRdvScanner::Search::Simd}) {
-        RecordingSink sink;
-        sink.clients = clients;
-        KorbRdvScanner scanner(&sink);
-        scanner.setSearch(how);
-        QVERIFY(feed(scanner, chunks));
-        QCOMPARE(sink.text(), handoffs);
-    }
-}
-
-void TestKorbRdvSource::udp_data()
-{
-    QTest::addColumn<int>("port");
-    QTest::addColumn<int>("clientsFrom"); // the sink has clients from this datagram on
-    QTest::addColumn<L>("datagrams");
-    QTest::addColumn<QString>("handoffs");
-    const L groups = {dg(1, channel(1, 0)), dg(2, channel(2, 100)), dg(3, channel(1, 200)),
-                      dg(4, channel(2, 300))};
-    const QByteArray split = frame(channel(2, 100, 3000));
-    // clang-format off
-    QTest::newRow("a frame completes when the next opens; the first sets the clock") << 0 << 0 << run(1, 1, {0, 100, 200}) << "m1@100";
-    QTest::newRow("the latest frame of every group, entered with no client too") << 0 << 2 << groups << "m1@0,2@100 m1@200,2@100";
-    QTest::newRow("second port: groups 8 higher") << 1 << 0 << L{dg(1, channel(3, 0)), dg(2, channel(3, 100)), dg(3, channel(-7, 200)), dg(4, channel(3, 300))} << "m11@100 m1@200,11@100";
-    QTest::newRow("a sequence gap drops the datagram and the frame in progress") << 0 << 0 << run(1, 1, {0, 100}) + run(4, 1, {200, 300, 400}) << "m1@300";
-    QTest::newRow("so does a length field one short") << 0 << 0 << run(1, 1, {0}) + L{dg(2, channel(1, 100), 0, -1)} + run(3, 1, {200, 300, 400}) << "m1@300";
-    QTest::newRow("frames open at offsets 11 and 14, not at 15, and only kind 1") << 0 << 0 << L{dg(1, channel(1, 500), 7), dg(2, single(600)), dg(3, channel(1, 0), 3), dg(4, channel(1, 100), 6)} + run(5, 1, {200}) << "m1@100";
-    QTest::newRow("a frame spread over two datagrams is joined") << 0 << 0 << run(1, 1, {0}) + L{datagram(2, split.left(1300)), datagram(3, split.mid(1300))} + run(4, 1, {300}) << "m1@0,2@100";
-    // clang-format on
-}
-
-void TestKorbRdvSource::udp()
-{
-    QFETCH(int, port);
-    QFETCH(int, clientsFrom);
-    QFETCH(L, datagrams);
-    QFETCH(QString, handoffs);
-    Devices d;
-    QVERIFY(d.up);
-    d.sink.clients = 0;
-    QVERIFY(d.send(port, datagrams.mid(0, clientsFrom)));
-    d.sink.clients = 1;
-    QVERIFY(d.send(port, datagrams.mid(clientsFrom)));
-    QCOMPARE(d.sink.text(), handoffs);
-}
-
-void TestKorbRdvSource::tcpWaitsForAFrameWorth()
-{
-    Devices d;
-    QVERIFY(d.up);
-    const QByteArray first = stream({single(0, 1000)}), second = stream({single(100, 1000)});
-    QVERIFY(d.write(first));
-    d.peer->write(second.left(100)); // less than the last frame's length stays in the socket
-    QTRY_COMPARE(d.tcp->pendingBytes(), qint64(100));
-    QCOMPARE(d.tcp->scanner().fillEnd(), first.size());
-    QVERIFY(d.write(second.mid(100)));
-    QCOMPARE(d.sink.text(), QStringLiteral("s100"));
-}
-
-void TestKorbRdvSource::dumpsAndSilence_data()
-{
-    QTest::addColumn<bool>("udp");
-    QTest::newRow("UDP, buf: the completed frames") << true;
-    QTest::newRow("TCP, csv: the oldest frame in the ring as absolute 16-bit values") << false;
-}
-
-void TestKorbRdvSource::dumpsAndSilence()
-{
-    QFETCH(bool, udp);
-    QDir dumps(KorbRdvSource::dumpDir());
-    dumps.removeRecursively();
-    Devices d(udp ? 1 << 20 : 132); // the TCP buffer holds two frames with their gaps
-    QVERIFY(d.up);
-    KorbRdvSource *source = udp ? static_cast<KorbRdvSource *>(d.udp.data()) : d.tcp.data();
-    emit d.commands.runCmd(QStringLiteral("buf")); // no buffer yet: ignored
-    for (int ms : {0, 100, 200})
-        QVERIFY(udp ? d.send(0, {dg(quint32(ms / 100 + 1), channel(4, ms))})
-                    : d.write(stream({channel(4, ms)})));
-    emit d.commands.runCmd(QString(udp ? " buf " : "csv"));
-    for (int i = 0; i < KorbRdvSource::DumpBurst; ++i)
-        emit d.commands.runCmd(QStringLiteral("buf")); // the burst's last one is dropped
-    const QString name =
-        QStringLiteral("zz-uzk_%1_0000.%2").arg(BaseSec - 946684800).arg(udp ? "rdv" : "csv");
-    const QStringList files = dumps.entryList(QDir::Files);
-    QCOMPARE(files.size(), KorbRdvSource::DumpBurst);
-    QCOMPARE(files.first(), name);
-    QVERIFY(files.last().endsWith(
-        QStringLiteral("_%1.rdv").arg(KorbRdvSource::DumpBurst - 1, 4, 10, QLatin1Char('0'))));
-    QFile dump(dumps.filePath(name));
-    QVERIFY(dump.open(QIODevice::ReadOnly));
-    QByteArray csv = "x;y\r\n", oldest = frame(channel(4, 100));
-    for (int i = 0; i < 4; ++i)
-        csv += QByteArray::number(i) + ';' +
-               QByteArray::number(qAbs(qFromLittleEndian<qint16>(oldest.constData() + 56 + 2 * i))) + "\r\n";
-    QCOMPARE(dump.readAll(), udp ? frame(channel(4, 0)) + oldest : csv);
-    // The silence ends the burst: the buffer goes, the file counter and the gate start afresh.
-    QTRY_VERIFY_WITH_TIMEOUT(!source->scanner().hasBuffer(), 3000);
-    QCOMPARE(source->fileCounter(), 0);
-    QVERIFY(udp ? d.send(0, run(4, 4, {5000, 5004, 5100, 5200}))
-                : d.write(stream({channel(4, 5000), channel(4, 5004), channel(4, 5100)})));
-    QCOMPARE(d.sink.text(), QString(udp ? "m4@100 m4@5100" : "m4@100 m4@200 m4@5100"));
-}
-
-void TestKorbRdvSource::tcpReconnects()
-{
-    Devices d;
-    QSignalSpy accepted(&d.server, &QTcpServer::newConnection);
-    QVERIFY(d.up);
-    d.peer->disconnectFromHost();
-    QVERIFY(accepted.wait(5000)); // one pause later it is back
-    d.tcp->stop();                // stopped, it stays closed
-    QTRY_COMPARE(d.peer->state(), QAbstractSocket::UnconnectedState);
-    QVERIFY(!d.tcp->reconnectPending());
-}
-
-// A broadcast of large maps to many clients goes on in slices while datagrams
-// keep coming: datagrams are read between slices, none is lost, and every
-// client ends with the newest map.
-void TestKorbRdvSource::datagramsTakenDuringBroadcast()
-{
-    WebSocketServer server(nullptr, 0);
-    QVERIFY(server.listen(QHostAddress::LocalHost));
-    QObject owner;
-    QList<WsTestClient *> clients;
-    for (int i = 0; i < 32; ++i)
-        QVERIFY((clients << connectClient(server, &owner)).last());
-    CountingSink sink(server);
-    KorbRdvStreamerUdp udp(nullptr, &sink, &server, 0, 0);
-    udp.setLocalAddress(QHostAddress::LocalHost);
-    QUdpSocket device;
-    QVERIFY(udp.bind() && device.bind(QHostAddress(QHostAddress::LocalHost), 0));
-    // Full-size frames of 4 groups, 100 ms apart: each completes when the next opens.
-    QVector<QByteArray> latest(4);
-    for (int i = 0; i < 40; ++i) {
-        const QByteArray f = frame(channel(qint8(i % 4), 100 * i, 13000));
-        device.writeDatagram(datagram(quint32(i + 1), f), QHostAddress::LocalHost, udp.port1());
-        if (i < 39)
-            latest[i % 4] = f;
-    }
-    const auto keepLast = [&] {
-        for (WsTestClient *c : clients)
-            c->binaries.erase(c->binaries.begin(), c->binaries.end() - qMin(1, c->binaries.size()));
-        return true;
-    };
-    QTRY_VERIFY_WITH_TIMEOUT(keepLast() && udp.lastSequence(0) == 40, 10000);
-    QCOMPARE(sink.maps, 38); // frames 1 to 38: the first only starts the clock, the last is still open
-    QVERIFY(sink.duringPass > 0);
-    for (WsTestClient *c : clients)
-        QTRY_VERIFY_WITH_TIMEOUT(keepLast() && c->binaries == QByteArrayList{channelPacket(latest.toList())},
-                                 10000);
-}
 
 QTEST_GUILESS_MAIN(TestKorbRdvSource)
 #include "tst_korb_rdv_source.moc"

@@ -20,13 +20,140 @@ class tst_KorbRdvTls : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase();
-    void badFilesAreRefused_data();
-    void badFilesAreRefused();
-    void badHandshakesAreDropped_data();
-    void badHandshakesAreDropped();
-    void secureAndPlainClientsGetTheSame();
-    void stalledSecureClientGetsTheNewest();
+
+    void initTestCase()
+    {
+        const QString openssl = QStandardPaths::findExecutable("openssl");
+        if (openssl.isEmpty())
+            QSKIP("openssl is not installed (apt-get install openssl): no test certificate");
+        // Only the relay's own minimum then refuses TLS 1.0, not the system's policy.
+        QFile cnf(file("openssl.cnf"));
+        QVERIFY(cnf.open(QIODevice::WriteOnly) &&
+                cnf.write("openssl_conf=c\n[c]\nssl_conf=s\n[s]\nsystem_default=d\n"
+                          "[d]\nMinProtocol=TLSv1\nCipherString=DEFAULT@SECLEVEL=0\n"));
+        qputenv("OPENSSL_CONF", cnf.fileName().toLocal8Bit());
+        Korb::setAppDir(file("bin"));
+        KorbLoggerLight::instance()->setLogDir(file("logs"));
+        for (const QString &name : QStringList{"korb", "other"})
+            QCOMPARE(QProcess::execute(openssl,
+                                       {"req", "-x509", "-newkey", "ec", "-pkeyopt",
+                                        "ec_paramgen_curve:prime256v1", "-nodes", "-subj", "/CN=127.0.0.1",
+                                        "-keyout", file(name + ".key"), "-out", file(name + ".crt")}),
+                     0);
+        QVERIFY(QFile::copy(file("korb.key"), file("open.key")) &&
+                QFile::setPermissions(file("open.key"), QFile::ReadOwner | QFile::ReadOther) &&
+                QFile::setPermissions(file("korb.key"), QFile::ReadOwner));
+        const KorbRdvTlsListener *tls =
+            KorbRdvTlsListener::open(&m_server, 0, {file("korb.crt"), file("korb.key")});
+        QVERIFY(m_server.listen(QHostAddress::LocalHost) && tls);
+        m_tlsPort = tls->serverPort();
+    }
+
+    void badFilesAreRefused_data()
+    {
+        // The [tls] group of the configuration file; none: no file, the defaults.
+        QTest::addColumn<QString>("group");
+        QTest::addColumn<QString>("error");
+        // clang-format off
+        QTest::newRow("defaults, none there") << "" << "etc/korb.crt: файл не найден";
+        QTest::newRow("missing key") << "certificate=%1/korb.crt\nkey=%1/none.key" << "none.key: файл не найден";
+        QTest::newRow("mismatched pair") << "certificate=%1/korb.crt\nkey=%1/other.key" << "other.key: ключ не подходит к сертификату";
+        QTest::newRow("key readable by others") << "certificate=%1/korb.crt\nkey=%1/open.key" << "open.key: ключ доступен для чтения всем";
+        // clang-format on
+    }
+
+    void badFilesAreRefused()
+    {
+        QFETCH(QString, group);
+        QFETCH(QString, error);
+        QFile ini(file("korb.ini"));
+        QVERIFY(ini.open(QIODevice::WriteOnly) && ini.write("[tls]\n" + group.arg(m_dir.path()).toUtf8()));
+        ini.close();
+        QVERIFY(
+            !KorbRdvTlsListener::open(&m_server, 0, Korb::tlsFiles(group.isEmpty() ? "" : ini.fileName())));
+        QCOMPARE(logged("порт WebSocket TLS 0 не открыт: " + file(error)), 1);
+    }
+
+    void badHandshakesAreDropped_data()
+    {
+        QTest::addColumn<QByteArray>("sent"); // null: TLS 1.0 is offered instead
+        QTest::addColumn<bool>("encrypted");  // sent over TLS
+        QTest::addColumn<int>("lines");       // new in the log: a repeated line folds into the first
+        QTest::newRow("plain HTTP") << QByteArray("GET / HTTP/1.1\r\n\r\n") << false << 1;
+        QTest::newRow("TLS 1.0") << QByteArray() << false << 1;
+        QTest::newRow("upgrade stalled") << QByteArray("GET / HTTP/1.1\r\n") << true << 1;
+        QTest::newRow("silent: as stalled") << QByteArray("") << false << 0;
+    }
+
+    void badHandshakesAreDropped()
+    {
+        QFETCH(QByteArray, sent);
+        QFETCH(bool, encrypted);
+        QFETCH(int, lines);
+        const int before = logged("127.0.0.1 не состоялось");
+        QSslSocket client;
+        QSignalSpy up(&client, &QSslSocket::encrypted);
+        client.setPeerVerifyMode(QSslSocket::VerifyNone);
+        client.setProtocol(sent.isNull() ? QSsl::TlsV1_0 : QSsl::SecureProtocols);
+        if (encrypted || sent.isNull())
+            client.connectToHostEncrypted("127.0.0.1", m_tlsPort);
+        else
+            client.connectToHost(QHostAddress::LocalHost, m_tlsPort);
+        client.write(sent);
+        // Within the relay's own limit, not QWebSocketServer's 10 s for the upgrade.
+        QTRY_COMPARE_WITH_TIMEOUT(client.state(), QAbstractSocket::UnconnectedState,
+                                  KorbRdvTlsListener::HandshakeTimeoutMs + 3000);
+        QCOMPARE(up.size(), int(encrypted));
+        QTRY_COMPARE(logged("127.0.0.1 не состоялось"), before + lines);
+    }
+
+    // After the refusals above, too.
+    void secureAndPlainClientsGetTheSame()
+    {
+        QObject scope;
+        QSslConfiguration trusting = QSslConfiguration::defaultConfiguration();
+        trusting.setCaCertificates(QSslCertificate::fromPath(file("korb.crt")));
+        const QList<WsTestClient *> both = {
+            connectClient(m_server, &scope),
+            connectClient(m_server, &scope, QStringLiteral("wss://127.0.0.1:%1").arg(m_tlsPort), trusting)};
+        QVERIFY(both.at(0) && both.at(1));
+        const QByteArray device = frame(single(100));
+        for (WsTestClient *c : both) {
+            c->socket.sendTextMessage("ims:20");
+            QTRY_COMPARE(c->texts, QStringList{"ims:20 OK"});
+        }
+        m_server.sendRdv(reinterpret_cast<const RdvFrame *>(device.constData()));
+        for (WsTestClient *c : both)
+            QTRY_COMPARE(c->binaries, QByteArrayList{singlePacket(device)});
+    }
+
+    void stalledSecureClientGetsTheNewest()
+    {
+        QSslSocket client;
+        client.setPeerVerifyMode(QSslSocket::VerifyNone);
+        client.connectToHostEncrypted("127.0.0.1", m_tlsPort);
+        QSignalSpy added(&m_server, &WebSocketServer::connected);
+        QVERIFY(rawUpgrade(client) && (!added.isEmpty() || added.wait()));
+        client.setReadBufferSize(1); // from now on it takes nothing off the wire
+        QSslSocket *served = nullptr;
+        for (QSslSocket *socket : m_server.findChildren<QSslSocket *>())
+            served = socket->peerPort() == client.localPort() ? socket : served;
+        QVERIFY(served);
+        qint64 most = 0;
+        QByteArray device;
+        for (int i = 1; i <= 300; ++i) { // large packets: loopback's buffers fill several times over
+            device = frame(single(i * 100, 13000));
+            m_server.sendRdv(reinterpret_cast<const RdvFrame *>(device.constData()));
+            QCoreApplication::processEvents();
+            // Apart from the relay's own figure: plain bytes and encrypted ones.
+            most = qMax(most, served->QSslSocket::bytesToWrite() + served->encryptedBytesToWrite());
+        }
+        QVERIFY2(most <= 2 * (device.size() + 100), qPrintable(QString::number(most)));
+        QVERIFY(m_server.replacedPackets() > 0);
+        client.setReadBufferSize(0); // reading again, it gets what waited and then the newest packet
+        QByteArray stream;
+        QTRY_VERIFY_WITH_TIMEOUT((stream += client.readAll(), stream.endsWith(singlePacket(device))), 10000);
+    }
 
 private:
     QString file(const QString &name) const { return m_dir.filePath(name); }
@@ -35,151 +162,11 @@ private:
         QFile f(KorbLoggerLight::instance()->currentFilePath());
         return f.open(QIODevice::ReadOnly) ? QString::fromUtf8(f.readAll()).count(text) : -1;
     }
-    // A plain client and a TLS one, both taken into the table.
-    QList<WsTestClient *> clients(QObject *scope)
-    {
-        QSslConfiguration trusting = QSslConfiguration::defaultConfiguration();
-        trusting.setCaCertificates(QSslCertificate::fromPath(file("korb.crt")));
-        return {
-            connectClient(m_server, scope),
-            connectClient(m_server, scope, QStringLiteral("wss://127.0.0.1:%1").arg(m_tlsPort), trusting)};
-    }
 
     QTemporaryDir m_dir;
     WebSocketServer m_server{nullptr};
     quint16 m_tlsPort = 0;
 };
-
-void tst_KorbRdvTls::initTestCase()
-{
-    const QString openssl = QStandardPaths::findExecutable("openssl");
-    if (openssl.isEmpty())
-        QSKIP("openssl is not installed (apt-get install openssl): no test certificate");
-    // Only the relay's own minimum then refuses TLS 1.0, not the system's policy.
-    QFile cnf(file("openssl.cnf"));
-    QVERIFY(cnf.open(QIODevice::WriteOnly) &&
-            cnf.write("openssl_conf=c\n[c]\nssl_conf=s\n[s]\nsystem_default=d\n"
-                      "[d]\nMinProtocol=TLSv1\nCipherString=DEFAULT@SECLEVEL=0\n"));
-    qputenv("OPENSSL_CONF", cnf.fileName().toLocal8Bit());
-    Korb::setAppDir(file("bin"));
-    KorbLoggerLight::instance()->setLogDir(file("logs"));
-    for (const QString &name : QStringList{"korb", "other"})
-        QCOMPARE(
-            QProcess::execute(openssl, {"req", "-x509", "-newkey", "ec", "-pkeyopt",
-                                        "ec_paramgen_curve:prime256v1", "-nodes", "-subj", "/CN=127.0.0.1",
-                                        "-keyout", file(name + ".key"), "-out", file(name + ".crt")}),
-            0);
-    QVERIFY(QFile::copy(file("korb.key"), file("open.key")) &&
-            QFile::setPermissions(file("open.key"), QFile::ReadOwner | QFile::ReadOther) &&
-            QFile::setPermissions(file("korb.key"), QFile::ReadOwner));
-    const KorbRdvTlsListener *tls =
-        KorbRdvTlsListener::open(&m_server, 0, {file("korb.crt"), file("korb.key")});
-    QVERIFY(m_server.listen(QHostAddress::LocalHost) && tls);
-    m_tlsPort = tls->serverPort();
-}
-
-void tst_KorbRdvTls::badFilesAreRefused_data()
-{
-    // The [tls] group of the configuration file; none: no file, the defaults.
-    QTest::addColumn<QString>("group");
-    QTest::addColumn<QString>("error");
-    QTest::newRow("defaults, none there") << ""
-                                          << "etc/korb.crt: файл не найден";
-    QTest::newRow("missing key") << "certificate=%1/korb.crt\nkey=%1/none.key"
-                                 << "none.key: файл не найден";
-    QTest::newRow("mismatched pair") << "certificate=%1/korb.crt\nkey=%1/other.key"
-                                     << "other.key: ключ не подходит к сертификату";
-    QTest::newRow("key readable by others") << "certificate=%1/korb.crt\nkey=%1/open.key"
-                                            << "open.key: ключ доступен для чтения всем";
-}
-
-void tst_KorbRdvTls::badFilesAreRefused()
-{
-    QFETCH(QString, group);
-    QFETCH(QString, error);
-    QFile ini(file("korb.ini"));
-    QVERIFY(ini.open(QIODevice::WriteOnly) && ini.write("[tls]\n" + group.arg(m_dir.path()).toUtf8()));
-    ini.close();
-    QVERIFY(!KorbRdvTlsListener::open(&m_server, 0, Korb::tlsFiles(group.isEmpty() ? "" : ini.fileName())));
-    QCOMPARE(logged("порт WebSocket TLS 0 не открыт: " + file(error)), 1);
-}
-
-void tst_KorbRdvTls::badHandshakesAreDropped_data()
-{
-    QTest::addColumn<QByteArray>("sent"); // null: TLS 1.0 is offered instead
-    QTest::addColumn<bool>("encrypted");  // sent over TLS
-    QTest::addColumn<int>("lines");       // new in the log: a repeated line folds into the first
-    QTest::newRow("plain HTTP") << QByteArray("GET / HTTP/1.1\r\n\r\n") << false << 1;
-    QTest::newRow("TLS 1.0") << QByteArray() << false << 1;
-    QTest::newRow("upgrade stalled") << QByteArray("GET / HTTP/1.1\r\n") << true << 1;
-    QTest::newRow("silent: as stalled") << QByteArray("") << false << 0;
-}
-
-void tst_KorbRdvTls::badHandshakesAreDropped()
-{
-    QFETCH(QByteArray, sent);
-    QFETCH(bool, encrypted);
-    QFETCH(int, lines);
-    const int before = logged("127.0.0.1 не состоялось");
-    QSslSocket client;
-    QSignalSpy up(&client, &QSslSocket::encrypted);
-    client.setPeerVerifyMode(QSslSocket::VerifyNone);
-    client.setProtocol(sent.isNull() ? QSsl::TlsV1_0 : QSsl::SecureProtocols);
-    if (encrypted || sent.isNull())
-        client.connectToHostEncrypted("127.0.0.1", m_tlsPort);
-    else
-        client.connectToHost(QHostAddress::LocalHost, m_tlsPort);
-    client.write(sent);
-    // Within the relay's own limit, not QWebSocketServer's 10 s for the upgrade.
-    QTRY_COMPARE_WITH_TIMEOUT(client.state(), QAbstractSocket::UnconnectedState,
-                              KorbRdvTlsListener::HandshakeTimeoutMs + 3000);
-    QCOMPARE(up.size(), int(encrypted));
-    QTRY_COMPARE(logged("127.0.0.1 не состоялось"), before + lines);
-}
-
-// After the refusals above, too.
-void tst_KorbRdvTls::secureAndPlainClientsGetTheSame()
-{
-    QObject scope;
-    const QList<WsTestClient *> both = clients(&scope);
-    QVERIFY(both.at(0) && both.at(1));
-    const QByteArray device = frame(single(100));
-    for (WsTestClient *c : both) {
-        c->socket.sendTextMessage("ims:20");
-        QTRY_COMPARE(c->texts, QStringList{"ims:20 OK"});
-    }
-    m_server.sendRdv(reinterpret_cast<const RdvFrame *>(device.constData()));
-    for (WsTestClient *c : both)
-        QTRY_COMPARE(c->binaries, QByteArrayList{singlePacket(device)});
-}
-
-void tst_KorbRdvTls::stalledSecureClientGetsTheNewest()
-{
-    QSslSocket client;
-    client.setPeerVerifyMode(QSslSocket::VerifyNone);
-    client.connectToHostEncrypted("127.0.0.1", m_tlsPort);
-    QSignalSpy added(&m_server, &WebSocketServer::connected);
-    QVERIFY(rawUpgrade(client) && (!added.isEmpty() || added.wait()));
-    client.setReadBufferSize(1); // from now on it takes nothing off the wire
-    QSslSocket *served = nullptr;
-    for (QSslSocket *socket : m_server.findChildren<QSslSocket *>())
-        served = socket->peerPort() == client.localPort() ? socket : served;
-    QVERIFY(served);
-    qint64 most = 0;
-    QByteArray device;
-    for (int i = 1; i <= 300; ++i) { // large packets: loopback's buffers fill several times over
-        device = frame(single(i * 100, 13000));
-        m_server.sendRdv(reinterpret_cast<const RdvFrame *>(device.constData()));
-        QCoreApplication::processEvents();
-        // Apart from the relay's own figure: plain bytes and encrypted ones.
-        most = qMax(most, served->QSslSocket::bytesToWrite() + served->encryptedBytesToWrite());
-    }
-    QVERIFY2(most <= 2 * (device.size() + 100), qPrintable(QString::number(most)));
-    QVERIFY(m_server.replacedPackets() > 0);
-    client.setReadBufferSize(0); // reading again, it gets what waited and then the newest packet
-    QByteArray stream;
-    QTRY_VERIFY_WITH_TIMEOUT((stream += client.readAll(), stream.endsWith(singlePacket(device))), 10000);
-}
 
 QTEST_GUILESS_MAIN(tst_KorbRdvTls)
 #include "tst_korb_rdv_tls.moc"

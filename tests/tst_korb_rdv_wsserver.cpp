@@ -26,6 +26,12 @@ struct Command
     QString forwarded;
     int interval; // -1: unchanged, no runCmd(quint16)
 };
+
+QByteArray procFile(const char *path)
+{
+    QFile f(QString::fromLatin1(path));
+    return f.open(QIODevice::ReadOnly) ? f.readAll().trimmed() : QByteArray();
+}
 } // namespace
 Q_DECLARE_METATYPE(Command)
 
@@ -34,283 +40,260 @@ class TestRdvWsServer : public QObject
     Q_OBJECT
 
 private slots:
-    void init();
-    void cleanup();
-    void packets_data();
-    void packets();
-    void playback_data();
-    void playback();
-    void playbackTimerFollowsClients();
-    void commands_data();
-    void commands();
-    void stalledClientGetsOnlyFreshPackets();
-    void unreadRepliesCloseWith1008();
-    void clientLimitRefusesWith1013();
-    void totalBoundCutsOffFurthestBehind();
+    void init()
+    {
+        // Frame times are multiples of 4 ms: their milliseconds survive the double arithmetic exactly.
+        Korb::sendIntervalMs = 8;
+        m_server.reset(new WebSocketServer(nullptr, 0));
+        QVERIFY(m_server->listen(QHostAddress::LocalHost));
+    }
+
+    void cleanup()
+    {
+        m_server.reset();
+        Korb::sendIntervalMs = Korb::DefaultSendIntervalMs;
+    }
+
+    void packets_data()
+    {
+        QTest::addColumn<QList<FrameSpec>>("frames"); // one single frame, or the frames of a map by group
+        QTest::addColumn<int>("size");
+        FrameSpec kind3 = single(0, 10), over = single(0, 13001), kind2 = channel(3, 0),
+                  badChannel = channel(2, 0);
+        badChannel.magic = 0, kind3.kind = 3, over.samples = 0, kind2.kind = 2;
+        using L = QList<FrameSpec>;
+        // clang-format off
+        QTest::newRow("no samples: the bare 71 bytes") << L{single(0, 0)} << 71;
+        QTest::newRow("13000 samples: the length word wraps") << L{single(0, 13000)} << 104071;
+        QTest::newRow("13001 samples: header only, the count kept") << L{over} << 71;
+        QTest::newRow("kind 3: header only, the kind copied") << L{kind3} << 71;
+        QTest::newRow("a map: signed group order, a length word each") << L{channel(-128, 0, 1), channel(-1, 12, 3), channel(5, 20, 250), channel(127, 32, 0)} << 81 + 89 + 1077 + 77;
+        QTest::newRow("a map: 13000 samples; a wrong magic or kind 2: headers only") << L{channel(1, 0, 13000), badChannel, kind2} << 52077 + 77 + 77;
+        // clang-format on
+    }
+
+    void packets()
+    {
+        QFETCH(QList<FrameSpec>, frames);
+        QFETCH(int, size);
+        WsTestClient *a = client(), *b = client();
+        QByteArrayList bytes;
+        RdvChannelMap map;
+        for (const FrameSpec &s : frames)
+            map.insert(qint8(s.byte16),
+                       reinterpret_cast<RdvChannelFrame *>((bytes << frame(s)).last().data()));
+        const int before = WebSocketServer::broadcastCount();
+        frames.size() == 1 ? m_server->sendRdv(asFrame(bytes.first())) : m_server->sendRdv(map);
+        const QByteArray expected = frames.size() == 1 ? singlePacket(bytes.first()) : channelPacket(bytes);
+        QCOMPARE(expected.size(), size);
+        QTRY_VERIFY(a && b && a->binaries == QByteArrayList{expected} && b->binaries == a->binaries);
+        QCOMPARE(WebSocketServer::broadcastCount(), before + 1);
+    }
+
+    void playback_data()
+    {
+        QTest::addColumn<QByteArray>("recording");
+        QTest::addColumn<QString>("received"); // the first packets a first client receives
+        // clang-format off
+        QTest::newRow("the first frame first; all at the interval; the end wraps") << stream({single(0), single(8), single(16), single(24)}) << "s0 s8 s16 s24 s0 s8 s16 s24";
+        QTest::newRow("garbage, a false header and a frame cut off by the end") << QByteArray(37, 'z') + stream({single(0)}) + "\x78\x56\x34\x12\x02" + stream({single(100)}) + frame(single(148, 1000)).left(200) << "s0 s100 s0 s100";
+        QTest::newRow("frames closer than the interval are thinned") << stream({single(0), single(4), single(8), single(12), single(16)}) << "s0 s8 s16 s0 s8 s16";
+        QTest::newRow("a stamp behind or far ahead starts the pacing anew") << stream({single(200), single(208), single(0), single(8), single(60000)}) << "s200 s208 s0 s8 s60000 s200";
+        QTest::newRow("single frames and maps are paced apart") << stream({channel(0, 0), single(0), channel(0, 8), single(8)}) << "m0@0 s0 m0@8 s8";
+        QTest::newRow("channel frames go as the map of every group")
+            << stream({channel(0, 0), channel(1, 0), channel(0, 16), channel(1, 16)}) << "m0@0 m0@16,1@0 m0@0,1@16 m0@16,1@0";
+        // clang-format on
+    }
+
+    void playback()
+    {
+        QFETCH(QByteArray, recording);
+        QFETCH(QString, received);
+        QVERIFY(m_server->setFileNm(file(recording)));
+        WsTestClient *c = client();
+        QVERIFY(c);
+        const int n = received.count(' ') + 1;
+        QTRY_VERIFY_WITH_TIMEOUT(c->binaries.size() >= n, 10000);
+        QStringList seen;
+        for (const QByteArray &p : c->binaries.mid(0, n))
+            seen << describePacket(p);
+        QCOMPARE(seen.join(' '), received);
+    }
+
+    void playbackTimerFollowsClients()
+    {
+        Korb::sendIntervalMs = 40;
+        QVERIFY(!m_server->setFileNm(m_dir.path())); // a directory cannot be read as a file
+        QVERIFY(m_server->setFileNm(file(stream({single(0), single(52)}))) && !m_server->playbackActive());
+        QSignalSpy connected(m_server.get(), &WebSocketServer::connected);
+        WsTestClient *a = client(), *b = client();
+        QVERIFY(a && b && m_server->playbackActive() && m_server->playbackTimerInterval() == 40);
+        a->socket.close(); // a plain disconnect of one of two keeps it; the last one leaving stops it
+        QTRY_COMPARE(m_server->clientCount(), 1);
+        QVERIFY(m_server->playbackActive());
+        b->socket.close();
+        QTRY_VERIFY(!m_server->playbackActive());
+        WsTestClient *c = client(), *d = client(); // removing one of two stops it; "ims" starts it anew
+        QVERIFY(c && d &&
+                m_server->removeClient(quint64(quintptr(connected.at(2).at(0).value<QWebSocket *>()))));
+        QVERIFY(!m_server->playbackActive());
+        d->socket.sendTextMessage(QStringLiteral("ims:16"));
+        QTRY_VERIFY(m_server->playbackActive() && m_server->playbackTimerInterval() == 16);
+        QVERIFY(
+            m_server->setFileNm(file(QByteArray(100000, 'z')))); // a file without a frame stops it by itself
+        QTRY_VERIFY(!m_server->playbackActive());
+    }
+
+    void commands_data()
+    {
+        QTest::addColumn<Command>("row");
+        const QString badIms = QStringLiteral("Err: ims vals [1...999] ms");
+        // clang-format off
+        QTest::newRow("empty message") << Command{"", "Err: message.isEmpty()", "", -1};
+        QTest::newRow("ims with spaces: the raw text echoed") << Command{"ims: 20 ", "ims: 20  OK", "", 20};
+        QTest::newRow("ims:2, the lowest accepted; no upper bound") << Command{"ims:2", "ims:2 OK", "", 2};
+        QTest::newRow("ims:65538 taken as 2") << Command{"ims:65538", "ims:65538 OK", "", 2};
+        QTest::newRow("ims:1") << Command{"ims:1", badIms, "", -1};
+        QTest::newRow("no colon") << Command{"ims", "Err: symbol ':' no found", "", -1};
+        QTest::newRow("two colons") << Command{"ims:1:2", "Err: multiple symbol ':' not support", "", -1};
+        QTest::newRow("IMS: case matters") << Command{"IMS:20", "Err: cmd not recognized", "", -1};
+        QTest::newRow("csv, argument ignored, no reply") << Command{"csv:x", "", "csv", -1};
+        QTest::newRow("buf, trimmed") << Command{"  buf : 7", "", "buf", -1};
+        QTest::newRow("a binary message") << Command{"bin:ims:20", "@Err: binary command no supported", "", -1};
+        QTest::newRow("one byte over the message cap: closed") << Command{QString(64 * 1024 + 1, 'x'), "", "", -1};
+        // clang-format on
+    }
+
+    void commands()
+    {
+        QFETCH(Command, row);
+        Korb::sendIntervalMs = 77;
+        WsTestClient *c = client(), *other = client();
+        QVERIFY(c && other);
+        QSignalSpy words(m_server.get(), QOverload<const QString &>::of(&WebSocketServer::runCmd));
+        QSignalSpy intervals(m_server.get(), QOverload<quint16>::of(&WebSocketServer::runCmd));
+        row.message.startsWith("bin:") ? c->socket.sendBinaryMessage(row.message.mid(4).toUtf8())
+                                       : c->socket.sendTextMessage(row.message);
+        if (row.message.size() > int(WebSocketServer::MaxClientMessageSize)) {
+            QTRY_COMPARE(c->closeCode, int(QWebSocketProtocol::CloseCodeTooMuchData));
+            return;
+        }
+        // A marker with a known reply: once it is there, "no reply" holds.
+        c->socket.sendTextMessage(QStringLiteral("marker:"));
+        QStringList expected = QStringList(row.reply) << QStringLiteral("Err: cmd not recognized");
+        expected.removeAll(QString());
+        QTRY_COMPARE(c->texts, expected);
+        QVERIFY(other->texts.isEmpty()); // replies go to the sender only
+        QCOMPARE(words.count() ? words.at(0).at(0).toString() : QString(), row.forwarded);
+        QCOMPARE(intervals.count() ? int(intervals.at(0).at(0).value<quint16>()) : -1, row.interval);
+        QCOMPARE(int(Korb::sendIntervalMs), row.interval < 0 ? 77 : row.interval);
+    }
+
+    // A client that stops reading holds at most the packet being written in the
+    // relay; what it gets after reading again is the newest packet, not a queue.
+    void stalledClientGetsOnlyFreshPackets()
+    {
+        QTcpSocket raw;
+        QWebSocket *serverSide = stalled(raw);
+        WsTestClient *reader = client();
+        QVERIFY(serverSide && reader);
+        const auto packetAt = [](int i) { return frame(single(1000 * i, 13000)); };
+        qint64 backlog = 0;
+        for (int i = 1; i <= 300; ++i) { // enough to fill loopback buffers several times over
+            m_server->sendRdv(asFrame(packetAt(i)));
+            backlog = qMax(backlog, serverSide->bytesToWrite());
+            QTRY_COMPARE(reader->binaries.size(), i); // the reader keeps up and gets every packet
+        }
+        QVERIFY2(backlog <= 71 + 8 * 13000 + 10, qPrintable(QString::number(backlog)));
+        QVERIFY(m_server->replacedPackets() > 0);
+        // Reading again, it gets what the kernel held, then the newest packet: FIN and
+        // binary, 127, the length of 104071 in 64 bits, the packet.
+        raw.setReadBufferSize(0);
+        QByteArray stream;
+        const QByteArray newest = QByteArray::fromHex("827f0000000000019687") + singlePacket(packetAt(300));
+        QTRY_VERIFY_WITH_TIMEOUT((stream += raw.readAll(), stream.endsWith(newest)), 10000);
+        QVERIFY(stream.size() < 100 * newest.size());
+    }
+
+    // Replies a client does not read close it with 1008 once they pile up; another client keeps receiving.
+    void unreadRepliesCloseWith1008()
+    {
+        QTcpSocket flooder;
+        WsTestClient *reader = client();
+        QVERIFY(stalled(flooder) && reader);
+        QSignalSpy commands(m_server.get(), &WebSocketServer::readyRead);
+        // Each reply echoes the 60 KB command; one at a time, each taken before the next.
+        for (int sent = 1; m_server->clientCount() == 2 && sent < 1000; ++sent) {
+            flooder.write(clientTextFrame("ims:" + QByteArray(60000, ' ') + "20"));
+            QTRY_VERIFY(commands.count() == sent || m_server->clientCount() == 1);
+        }
+        // What the kernel holds (the relay's send buffer at its largest, the
+        // flooder's receive buffer) plus the relay's own bound, and not more.
+        const QList<QByteArray> wmem = procFile("/proc/sys/net/ipv4/tcp_wmem").split('\t');
+        const QList<QByteArray> rmem = procFile("/proc/sys/net/ipv4/tcp_rmem").split('\t');
+        const qint64 held = wmem.value(2).toLongLong() + 4 * rmem.value(1).toLongLong() +
+                            WebSocketServer::MaxClientReplyBacklog + 2 * 60006;
+        QVERIFY2(commands.count() * 60006 <= held, qPrintable(QString::number(commands.count())));
+        m_server->sendRdv(asFrame(frame(single(100))));
+        QTRY_COMPARE(reader->binaries, QByteArrayList{singlePacket(frame(single(100)))});
+        QCOMPARE(closeCodeReadBy(flooder), int(QWebSocketProtocol::CloseCodePolicyViolated));
+    }
+
+    void clientLimitRefusesWith1013()
+    {
+        m_server->setMaxClients(2);
+        WsTestClient *a = client(), *b = client();
+        QTcpSocket extra; // read raw: Qt 5's own client takes 1013 for a protocol error
+        QVERIFY(a && b && rawHandshake(extra, m_server->serverPort()));
+        QCOMPARE(closeCodeReadBy(extra), int(WebSocketServer::CloseCodeTryAgainLater));
+        QCOMPARE(m_server->clientCount(), 2);
+    }
+
+    // Two clients stall one after the other; with the total bound below what both
+    // hold, the one that stalled first is cut off and the other stays.
+    void totalBoundCutsOffFurthestBehind()
+    {
+        const QByteArray big = frame(single(0, 13000));
+        const auto stallWithQueue = [&](QTcpSocket &raw) {
+            QWebSocket *side = stalled(raw);
+            for (int i = 0; side && i < 1000 && side->bytesToWrite() == 0; ++i) {
+                m_server->sendRdv(asFrame(big));
+                QCoreApplication::processEvents();
+            }
+            return side && side->bytesToWrite() > 0 ? side : nullptr;
+        };
+        QTcpSocket first, second;
+        QWebSocket *firstSide = stallWithQueue(first);
+        QWebSocket *secondSide = stallWithQueue(second);
+        QVERIFY(firstSide && secondSide);
+        QSignalSpy gone(m_server.get(), &WebSocketServer::disconnected);
+        m_server->setMaxQueuedBytes(firstSide->bytesToWrite() + secondSide->bytesToWrite() - 1);
+        m_server->sendRdv(asFrame(big));
+        QTRY_COMPARE(gone.count(), 1);
+        QCOMPARE(gone.at(0).at(0).value<QWebSocket *>(), firstSide);
+        QCOMPARE(m_server->clientCount(), 1);
+    }
 
 private:
     WsTestClient *client() { return connectClient(*m_server, this); }
     // A raw client that has stopped taking anything off the wire, and its socket on the server.
-    QWebSocket *stalled(QTcpSocket &socket);
-    QString file(const QByteArray &bytes);
+    QWebSocket *stalled(QTcpSocket &socket)
+    {
+        QSignalSpy connected(m_server.get(), &WebSocketServer::connected);
+        if (!rawHandshake(socket, m_server->serverPort()) || !(connected.count() || connected.wait(5000)))
+            return nullptr;
+        socket.setReadBufferSize(1);
+        return connected.at(0).at(0).value<QWebSocket *>();
+    }
+    QString file(const QByteArray &bytes)
+    {
+        static int files = 0;
+        QFile f(m_dir.filePath(QString::number(++files)));
+        return f.open(QIODevice::WriteOnly) && f.write(bytes) == bytes.size() ? f.fileName() : QString();
+    }
     std::unique_ptr<WebSocketServer> m_server;
     QTemporaryDir m_dir;
 };
-
-QWebSocket *TestRdvWsServer::stalled(QTcpSocket &socket)
-{
-    QSignalSpy connected(m_server.get(), &WebSocketServer::connected);
-    if (!rawHandshake(socket, m_server->serverPort()) || !(connected.count() || connected.wait(5000)))
-        return nullptr;
-    socket.setReadBufferSize(1);
-    return connected.at(0).at(0).value<QWebSocket *>();
-}
-
-static QByteArray procFile(const char *path)
-{
-    QFile f(QString::fromLatin1(path));
-    return f.open(QIODevice::ReadOnly) ? f.readAll().trimmed() : QByteArray();
-}
-
-QString TestRdvWsServer::file(const QByteArray &bytes)
-{
-    static int files = 0;
-    QFile f(m_dir.filePath(QString::number(++files)));
-    return f.open(QIODevice::WriteOnly) && f.write(bytes) == bytes.size() ? f.fileName() : QString();
-}
-
-void TestRdvWsServer::init()
-{
-    // Frame times are multiples of 4 ms: their milliseconds survive the double arithmetic exactly.
-    Korb::sendIntervalMs = 8;
-    m_server.reset(new WebSocketServer(nullptr, 0));
-    QVERIFY(m_server->listen(QHostAddress::LocalHost));
-}
-
-void TestRdvWsServer::cleanup()
-{
-    m_server.reset();
-    Korb::sendIntervalMs = Korb::DefaultSendIntervalMs;
-}
-
-void TestRdvWsServer::packets_data()
-{
-    QTest::addColumn<QList<FrameSpec>>("frames"); // one single frame, or the frames of a map by group
-    QTest::addColumn<int>("size");
-    FrameSpec kind3 = single(0, 10), over = single(0, 13001), kind2 = channel(3, 0),
-              badChannel = channel(2, 0);
-    badChannel.magic = 0, kind3.kind = 3, over.samples = 0, kind2.kind = 2;
-    using L = QList<FrameSpec>;
-    // clang-format off
-    QTest::newRow("no samples: the bare 71 bytes") << L{single(0, 0)} << 71;
-    QTest::newRow("13000 samples: the length word wraps") << L{single(0, 13000)} << 104071;
-    QTest::newRow("13001 samples: header only, the count kept") << L{over} << 71;
-    QTest::newRow("kind 3: header only, the kind copied") << L{kind3} << 71;
-    QTest::newRow("a map: signed group order, a length word each") << L{channel(-128, 0, 1), channel(-1, 12, 3), channel(5, 20, 250), channel(127, 32, 0)} << 81 + 89 + 1077 + 77;
-    QTest::newRow("a map: 13000 samples; a wrong magic or kind 2: headers only") << L{channel(1, 0, 13000), badChannel, kind2} << 52077 + 77 + 77;
-    // clang-format on
-}
-
-void TestRdvWsServer::packets()
-{
-    QFETCH(QList<FrameSpec>, frames);
-    QFETCH(int, size);
-    WsTestClient *a = client(), *b = client();
-    QByteArrayList bytes;
-    RdvChannelMap map;
-    for (const FrameSpec &s : frames)
-        map.insert(qint8(s.byte16), reinterpret_cast<RdvChannelFrame *>((bytes << frame(s)).last().data()));
-    const int before = WebSocketServer::broadcastCount();
-    frames.size() == 1 ? m_server->sendRdv(asFrame(bytes.first())) : m_server->sendRdv(map);
-    const QByteArray expected = frames.size() == 1 ? singlePacket(bytes.first()) : channelPacket(bytes);
-    QCOMPARE(expected.size(), size);
-    QTRY_VERIFY(a && b && a->binaries == QByteArrayList{expected} && b->binaries == a->binaries);
-    QCOMPARE(WebSocketServer::broadcastCount(), before + 1);
-}
-
-void TestRdvWsServer::playback_data()
-{
-    QTest::addColumn<QByteArray>("recording");
-    QTest::addColumn<QString>("received"); // the first packets a first client receives
-    // clang-format off
-    QTest::newRow("the first frame first; all at the interval; the end wraps") << stream({single(0), single(8), single(16), single(24)}) << "s0 s8 s16 s24 s0 s8 s16 s24";
-    QTest::newRow("garbage, a false header and a frame cut off by the end") << QByteArray(37, 'z') + stream({single(0)}) + "\x78\x56\x34\x12\x02" + stream({single(100)}) + frame(single(148, 1000)).left(200) << "s0 s100 s0 s100";
-    QTest::newRow("frames closer than the interval are thinned") << stream({single(0), single(4), single(8), single(12), single(16)}) << "s0 s8 s16 s0 s8 s16";
-    QTest::newRow("a stamp behind or far ahead starts the pacing anew") << stream({single(200), single(208), single(0), single(8), single(60000)}) << "s200 s208 s0 s8 s60000 s200";
-    QTest::newRow("single frames and maps are paced apart") << stream({channel(0, 0), single(0), channel(0, 8), single(8)}) << "m0@0 s0 m0@8 s8";
-    QTest::newRow("channel frames go as the map of every group")
-        << stream({channel(0, 0), channel(1, 0), channel(0, 16), channel(1, 16)}) << "m0@0 m0@16,1@0 m0@0,1@16 m0@16,1@0";
-    // clang-format on
-}
-
-void TestRdvWsServer::playback()
-{
-    QFETCH(QByteArray, recording);
-    QFETCH(QString, received);
-    QVERIFY(m_server->setFileNm(file(recording)));
-    WsTestClient *c = client();
-    QVERIFY(c);
-    const int n = received.count(' ') + 1;
-    QTRY_VERIFY_WITH_TIMEOUT(c->binaries.size() >= n, 10000);
-    QStringList seen;
-    for (const QByteArray &p : c->binaries.mid(0, n))
-        seen << describePacket(p);
-    QCOMPARE(seen.join(' '), received);
-}
-
-void TestRdvWsServer::playbackTimerFollowsClients()
-{
-    Korb::sendIntervalMs = 40;
-    QVERIFY(!m_server->setFileNm(m_dir.path())); // a directory cannot be read as a file
-    QVERIFY(m_server->setFileNm(file(stream({single(0), single(52)}))) && !m_server->playbackActive());
-    QSignalSpy connected(m_server.get(), &WebSocketServer::connected);
-    WsTestClient *a = client(), *b = client();
-    QVERIFY(a && b && m_server->playbackActive() && m_server->playbackTimerInterval() == 40);
-    a->socket.close(); // a plain disconnect of one of two keeps it; the last one leaving stops it
-    QTRY_COMPARE(m_server->clientCount(), 1);
-    QVERIFY(m_server->playbackActive());
-    b->socket.close();
-    QTRY_VERIFY(!m_server->playbackActive());
-    WsTestClient *c = client(), *d = client(); // removing one of two stops it; "ims" starts it anew
-    QVERIFY(c && d && m_server->removeClient(quint64(quintptr(connected.at(2).at(0).value<QWebSocket *>()))));
-    QVERIFY(!m_server->playbackActive());
-    d->socket.sendTextMessage(QStringLiteral("ims:16"));
-    QTRY_VERIFY(m_server->playbackActive() && m_server->playbackTimerInterval() == 16);
-    QVERIFY(m_server->setFileNm(file(QByteArray(100000, 'z')))); // a file without a frame stops it by itself
-    QTRY_VERIFY(!m_server->playbackActive());
-}
-
-void TestRdvWsServer::commands_data()
-{
-    QTest::addColumn<Command>("row");
-    const QString badIms = QStringLiteral("Err: ims vals [1...999] ms");
-    // clang-format off
-    QTest::newRow("empty message") << Command{"", "Err: message.isEmpty()", "", -1};
-    QTest::newRow("ims with spaces: the raw text echoed") << Command{"ims: 20 ", "ims: 20  OK", "", 20};
-    QTest::newRow("ims:2, the lowest accepted; no upper bound") << Command{"ims:2", "ims:2 OK", "", 2};
-    QTest::newRow("ims:65538 taken as 2") << Command{"ims:65538", "ims:65538 OK", "", 2};
-    QTest::newRow("ims:1") << Command{"ims:1", badIms, "", -1};
-    QTest::newRow("no colon") << Command{"ims", "Err: symbol ':' no found", "", -1};
-    QTest::newRow("two colons") << Command{"ims:1:2", "Err: multiple symbol ':' not support", "", -1};
-    QTest::newRow("IMS: case matters") << Command{"IMS:20", "Err: cmd not recognized", "", -1};
-    QTest::newRow("csv, argument ignored, no reply") << Command{"csv:x", "", "csv", -1};
-    QTest::newRow("buf, trimmed") << Command{"  buf : 7", "", "buf", -1};
-    QTest::newRow("a binary message") << Command{"bin:ims:20", "@Err: binary command no supported", "", -1};
-    QTest::newRow("one byte over the message cap: closed") << Command{QString(64 * 1024 + 1, 'x'), "", "", -1};
-    // clang-format on
-}
-
-void TestRdvWsServer::commands()
-{
-    QFETCH(Command, row);
-    Korb::sendIntervalMs = 77;
-    WsTestClient *c = client(), *other = client();
-    QVERIFY(c && other);
-    QSignalSpy words(m_server.get(), QOverload<const QString &>::of(&WebSocketServer::runCmd));
-    QSignalSpy intervals(m_server.get(), QOverload<quint16>::of(&WebSocketServer::runCmd));
-    row.message.startsWith("bin:") ? c->socket.sendBinaryMessage(row.message.mid(4).toUtf8())
-                                   : c->socket.sendTextMessage(row.message);
-    if (row.message.size() > int(WebSocketServer::MaxClientMessageSize)) {
-        QTRY_COMPARE(c->closeCode, int(QWebSocketProtocol::CloseCodeTooMuchData));
-        return;
-    }
-    // A marker with a known reply: once it is there, "no reply" holds.
-    c->socket.sendTextMessage(QStringLiteral("marker:"));
-    QStringList expected = QStringList(row.reply) << QStringLiteral("Err: cmd not recognized");
-    expected.removeAll(QString());
-    QTRY_COMPARE(c->texts, expected);
-    QVERIFY(other->texts.isEmpty()); // replies go to the sender only
-    QCOMPARE(words.count() ? words.at(0).at(0).toString() : QString(), row.forwarded);
-    QCOMPARE(intervals.count() ? int(intervals.at(0).at(0).value<quint16>()) : -1, row.interval);
-    QCOMPARE(int(Korb::sendIntervalMs), row.interval < 0 ? 77 : row.interval);
-}
-
-// A client that stops reading holds at most the packet being written in the
-// relay; what it gets after reading again is the newest packet, not a queue.
-void TestRdvWsServer::stalledClientGetsOnlyFreshPackets()
-{
-    QTcpSocket raw;
-    QWebSocket *serverSide = stalled(raw);
-    WsTestClient *reader = client();
-    QVERIFY(serverSide && reader);
-    const auto packetAt = [](int i) { return frame(single(1000 * i, 13000)); };
-    qint64 backlog = 0;
-    for (int i = 1; i <= 300; ++i) { // enough to fill loopback buffers several times over
-        m_server->sendRdv(asFrame(packetAt(i)));
-        backlog = qMax(backlog, serverSide->bytesToWrite());
-        QTRY_COMPARE(reader->binaries.size(), i); // the reader keeps up and gets every packet
-    }
-    QVERIFY2(backlog <= 71 + 8 * 13000 + 10, qPrintable(QString::number(backlog)));
-    QVERIFY(m_server->replacedPackets() > 0);
-    // Reading again, it gets what the kernel held, then the newest packet: FIN and
-    // binary, 127, the length of 104071 in 64 bits, the packet.
-    raw.setReadBufferSize(0);
-    QByteArray stream;
-    const QByteArray newest = QByteArray::fromHex("827f0000000000019687") + singlePacket(packetAt(300));
-    QTRY_VERIFY_WITH_TIMEOUT((stream += raw.readAll(), stream.endsWith(newest)), 10000);
-    QVERIFY(stream.size() < 100 * newest.size());
-}
-
-// Replies a client does not read close it with 1008 once they pile up; another client keeps receiving.
-void TestRdvWsServer::unreadRepliesCloseWith1008()
-{
-    QTcpSocket flooder;
-    WsTestClient *reader = client();
-    QVERIFY(stalled(flooder) && reader);
-    QSignalSpy commands(m_server.get(), &WebSocketServer::readyRead);
-    // Each reply echoes the 60 KB command; one at a time, each taken before the next.
-    for (int sent = 1; m_server->clientCount() == 2 && sent < 1000; ++sent) {
-        flooder.write(clientTextFrame("ims:" + QByteArray(60000, ' ') + "20"));
-        QTRY_VERIFY(commands.count() == sent || m_server->clientCount() == 1);
-    }
-    // What the kernel holds (the relay's send buffer at its largest, the
-    // flooder's receive buffer) plus the relay's own bound, and not more.
-    const QList<QByteArray> wmem = procFile("/proc/sys/net/ipv4/tcp_wmem").split('\t');
-    const QList<QByteArray> rmem = procFile("/proc/sys/net/ipv4/tcp_rmem").split('\t');
-    QCOMPARE(wmem.size(), 3);
-    QCOMPARE(rmem.size(), 3);
-    const qint64 held =
-        wmem[2].toLongLong() + 4 * rmem[1].toLongLong() + WebSocketServer::MaxClientReplyBacklog + 2 * 60006;
-    QVERIFY2(commands.count() * 60006 <= held, qPrintable(QString::number(commands.count())));
-    m_server->sendRdv(asFrame(frame(single(100))));
-    QTRY_COMPARE(reader->binaries, QByteArrayList{singlePacket(frame(single(100)))});
-    QCOMPARE(closeCodeReadBy(flooder), int(QWebSocketProtocol::CloseCodePolicyViolated));
-}
-
-void TestRdvWsServer::clientLimitRefusesWith1013()
-{
-    m_server->setMaxClients(2);
-    WsTestClient *a = client(), *b = client();
-    QTcpSocket extra; // read raw: Qt 5's own client takes 1013 for a protocol error
-    QVERIFY(a && b && rawHandshake(extra, m_server->serverPort()));
-    QCOMPARE(closeCodeReadBy(extra), int(WebSocketServer::CloseCodeTryAgainLater));
-    QCOMPARE(m_server->clientCount(), 2);
-}
-
-// Two clients stall one after the other; with the total bound below what both
-// hold, the one that stalled first is cut off and the other stays.
-void TestRdvWsServer::totalBoundCutsOffFurthestBehind()
-{
-    const QByteArray big = frame(single(0, 13000));
-    const auto stallWithQueue = [&](QTcpSocket &raw) {
-        QWebSocket *side = stalled(raw);
-        for (int i = 0; side && i < 1000 && side->bytesToWrite() == 0; ++i) {
-            m_server->sendRdv(asFrame(big));
-            QCoreApplication::processEvents();
-        }
-        return side && side->bytesToWrite() > 0 ? side : nullptr;
-    };
-    QTcpSocket first, second;
-    QWebSocket *firstSide = stallWithQueue(first);
-    QWebSocket *secondSide = stallWithQueue(second);
-    QVERIFY(firstSide && secondSide);
-    QSignalSpy gone(m_server.get(), &WebSocketServer::disconnected);
-    m_server->setMaxQueuedBytes(firstSide->bytesToWrite() + secondSide->bytesToWrite() - 1);
-    m_server->sendRdv(asFrame(big));
-    QTRY_COMPARE(gone.count(), 1);
-    QCOMPARE(gone.at(0).at(0).value<QWebSocket *>(), firstSide);
-    QCOMPARE(m_server->clientCount(), 1);
-}
 
 QTEST_GUILESS_MAIN(TestRdvWsServer)
 #include "tst_korb_rdv_wsserver.moc"

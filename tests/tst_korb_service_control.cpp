@@ -1,36 +1,12 @@
 // The service end of the control channel: request bytes against answer
 // bytes and the service operations they call.
-#include "service/korb_service_base.h"
 #include "service/korb_service_controller.h"
 #include "service/korb_service_sys_private.h"
+#include "support/recording_service.h"
 
 #include <QLocalSocket>
 #include <QTemporaryDir>
 #include <QtTest>
-
-namespace {
-
-// Records the operations the channel calls.
-class RecordingService : public KorbServiceBase
-{
-public:
-    explicit RecordingService(int flags) : KorbServiceBase(0, nullptr, QStringLiteral("t"))
-    {
-        setServiceFlags(flags);
-    }
-    QStringList calls;
-
-protected:
-    void start() override {}
-    void stop() override { calls << QStringLiteral("stop"); }
-    void pause() override { calls << QStringLiteral("pause"); }
-    void resume() override { calls << QStringLiteral("resume"); }
-    void processCommand(int code) override { calls << QStringLiteral("command %1").arg(code); }
-    void createApplication(int &, char **) override {}
-    int executeApplication() override { return 0; }
-};
-
-} // namespace
 
 class tst_KorbServiceControl : public QObject
 {

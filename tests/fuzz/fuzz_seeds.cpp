@@ -23,7 +23,7 @@ int main(int argc, char **argv)
     put("playback", "\x0F" + steps);        // steps, then the file
     put("udp", datagrams);
     put("decoder", Rdv::buildPacket(reinterpret_cast<const RdvFrame *>(synth.singleFrame(8).constData())));
-    put("client_commands", QByteArray("\0ims:20", 7)); // text (0) or binary (1), then the message
+    put("client_commands", "ims:20");
     put("control", "\x01\x05"
                    "alive\r\npause\r\nnum:7\r\nALIVE\r\n"); // flags and piece sizes, then the input
     return ok ? 0 : 1;

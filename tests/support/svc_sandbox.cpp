@@ -117,7 +117,10 @@ QString program()
 
 QStringList readLog(const QString &path)
 {
-    return fileLines(path).replaceInStrings(QRegularExpression(QStringLiteral("pid=\\d+ ")), QString());
+    QStringList lines =
+        fileLines(path).replaceInStrings(QRegularExpression(QStringLiteral("pid=\\d+ ")), QString());
+    lines.sort();
+    return lines;
 }
 
 QProcessEnvironment environment(const QString &logPath, const QStringList &extra)

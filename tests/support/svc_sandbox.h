@@ -52,7 +52,8 @@ private:
 namespace SvcTest {
 
 QString program();
-// The log's lines, the pid left out of the "start" line.
+// The log's lines, sorted (a detached instance records beside its starter),
+// the pid left out of the "start" line.
 QStringList readLog(const QString &path);
 // A management command's environment: not the service process, recording
 // to `logPath`, plus "NAME=VALUE" items.

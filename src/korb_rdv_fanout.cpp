@@ -12,6 +12,10 @@ KorbRdvFanOut::KorbRdvFanOut(QObject *parent, const Table &table) : QObject(pare
 
 void KorbRdvFanOut::send(const QByteArray &packet)
 {
+    if (m_holding) {
+        m_held.append(packet);
+        return;
+    }
     emit sent(packet);
     m_packetFrame = Rdv::wsBinaryFrame(packet);
     ++m_packetSeq;
@@ -24,6 +28,17 @@ void KorbRdvFanOut::send(const QByteArray &packet)
     // The first slice goes at once; a queued slice carries on by itself.
     if (!m_sliceQueued)
         runSlice();
+}
+
+void KorbRdvFanOut::release(bool newestOnly)
+{
+    m_holding = false;
+    QList<QByteArray> held;
+    held.swap(m_held);
+    if (newestOnly && held.size() > 1)
+        held.erase(held.begin(), held.end() - 1);
+    for (const QByteArray &packet : qAsConst(held))
+        send(packet);
 }
 
 void KorbRdvFanOut::ready(QWebSocket *socket)

@@ -33,6 +33,10 @@ public:
     explicit KorbRdvFanOut(QObject *parent, const Table &table);
 
     void send(const QByteArray &packet);
+    // Packets sent between the two wait; `release` broadcasts them in order,
+    // or with `newestOnly` the last one alone.
+    void hold() { m_holding = true; }
+    void release(bool newestOnly);
     // The client's socket has drained while a packet waited for it.
     void ready(QWebSocket *socket);
     // Number of the newest packet: a newcomer starts after it.
@@ -68,4 +72,6 @@ private:
     // Clients whose queue emptied while a packet waited for them.
     QList<QWebSocket *> m_ready;
     qint64 m_replacedPackets = 0;
+    bool m_holding = false;
+    QList<QByteArray> m_held;
 };

@@ -194,6 +194,18 @@ void KorbRdvScanner::describe(const char *frame, const char *function, int line)
         << " (" << m_charBuffSize << "b )" << group << Rdv::sampleCount(frame);
 }
 
+void KorbRdvScanner::holdPackets()
+{
+    if (m_sink)
+        m_sink->holdPackets();
+}
+
+void KorbRdvScanner::releasePackets(bool newestOnly)
+{
+    if (m_sink)
+        m_sink->releasePackets(newestOnly);
+}
+
 void KorbRdvScanner::restartFill()
 {
     const double mib = m_charBuffSize * MiBPerByte;

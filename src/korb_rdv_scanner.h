@@ -96,6 +96,9 @@ public:
     // frame accepted before a kind-2 frame in the same call. True when the
     // sink was handed the frame or the map.
     bool accept(const char *frame, const char *kind1OfThisScan = nullptr);
+    // A source's batch of reads, bracketed for the sink (KorbRdvSink::holdPackets).
+    void holdPackets();
+    void releasePackets(bool newestOnly);
 
     // The whole buffer in ring order: from the first valid header after the
     // fill end to the buffer's end, then from the start to the fill end.

@@ -16,4 +16,11 @@ public:
     virtual void sendRdv(const RdvChannelMap &channels) = 0;
     // A packet another relay built (an edge relay's source), handed on unchanged.
     virtual void sendPacket(const QByteArray &packet) = 0;
+    // A source brackets each batch it reads from its device's queue. Packets
+    // made inside leave when the batch ends: all, in order, when the source
+    // has caught up; only the newest when more is still queued, so that a
+    // relay that has fallen behind spends its time reading, not sending data
+    // that is already old.
+    virtual void holdPackets() {}
+    virtual void releasePackets(bool newestOnly) { Q_UNUSED(newestOnly) }
 };

@@ -219,20 +219,29 @@ void KorbRdvStreamerUdp::ReadyRead(QUdpSocket *udpSocket, int udpNum)
     }
 
     // One system call per datagram: each read goes straight to the receive
-    // area, and the read that finds the queue empty ends the burst.
-    for (;;) {
-        char *const d = receiveSlot(udpNum);
-        const qint64 got = udpSocket->readDatagram(d, MaxDatagramSize);
-        if (got < 0)
-            return;
-        if (got == 0) {
-            KTRACE << "rcnt" << got;
-            dropFrame(udpNum);
-            ++s_counters.udpEr;
-            continue;
-        }
+    // area. A turn ends when the queue is empty or the turn's share is read;
+    // a socket still readable is notified again on the next turn.
+    m_scan.holdPackets();
+    bool caughtUp = false;
+    for (int n = 0; n < DatagramsPerTurn && !caughtUp; ++n)
+        caughtUp = !readOne(udpSocket, udpNum);
+    m_scan.releasePackets(!caughtUp);
+}
+
+bool KorbRdvStreamerUdp::readOne(QUdpSocket *udpSocket, int udpNum)
+{
+    char *const d = receiveSlot(udpNum);
+    const qint64 got = udpSocket->readDatagram(d, MaxDatagramSize);
+    if (got < 0)
+        return false;
+    if (got == 0) {
+        KTRACE << "rcnt" << got;
+        dropFrame(udpNum);
+        ++s_counters.udpEr;
+    } else {
         acceptDatagram(udpNum, settle(udpNum, d, int(got)), int(got));
     }
+    return true;
 }
 
 void KorbRdvStreamerUdp::takeDatagram(int udpNum, const QByteArray &datagram)

@@ -28,6 +28,10 @@ public:
     // The datagram header's length field is 16 bits: nothing longer is a
     // datagram of the device.
     static constexpr int MaxDatagramSize = 65535;
+    // Datagrams one port gives per turn of the event loop (about 1.6 MiB of
+    // the largest frames): a port that never runs dry cannot hold the loop,
+    // so the other port and the broadcast are served in between.
+    static constexpr int DatagramsPerTurn = 32;
     // Waiting for a sent datagram to leave, at most.
     static constexpr int SendWaitMs = 10;
 
@@ -83,8 +87,8 @@ public slots:
     qint64 sendMessage1(const QByteArray &data, const QString &host, quint16 port);
     void ReadyRead1();
     void ReadyRead2();
-    // Takes the datagrams waiting on the socket, each read straight into
-    // the port's receive area.
+    // Takes the datagrams waiting on the socket, up to a turn's share, each
+    // read straight into the port's receive area.
     void ReadyRead(QUdpSocket *udpSocket, int udpNum);
     void error(QAbstractSocket::SocketError err);
 
@@ -94,6 +98,8 @@ protected:
 
 private:
     qint64 sendMessage_raw(QUdpSocket *socket, const QByteArray &data, const QString &host, quint16 port);
+    // Reads one datagram into the port's area; false when none was queued.
+    bool readOne(QUdpSocket *udpSocket, int udpNum);
     // Where the next datagram goes: behind the data of the port's receive
     // area, which always has room for the largest one.
     char *receiveSlot(int udpNum);

@@ -88,6 +88,8 @@ public:
     void sendRdv(const RdvFrame *frame) override;
     void sendRdv(const RdvChannelMap &channels) override;
     void sendPacket(const QByteArray &packet) override;
+    void holdPackets() override { m_fanOut->hold(); }
+    void releasePackets(bool newestOnly) override { m_fanOut->release(newestOnly); }
 
     // Loads a recording for playback (the playback source's load rules).
     bool setFileNm(const QString &name);

@@ -7,6 +7,7 @@
 #include "support/rdv_test_encoder.h"
 #include "support/ws_test_client.h"
 
+#include <QRegularExpression>
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QUdpSocket>
@@ -187,6 +188,30 @@ private slots:
         QCOMPARE(d.sink.text(), handoffs);
     }
 
+    // Both ports queued full: they are read in turns, so neither port's frames
+    // run ahead of the other's by more than a turn's share.
+    void portsTakeTurns()
+    {
+        Devices d;
+        QVERIFY(d.up);
+        const int n = 4 * KorbRdvStreamerUdp::DatagramsPerTurn;
+        for (int i = 0; i < n; ++i)
+            for (quint16 port : {d.udp->port1(), d.udp->port2()})
+                d.datagrams.writeDatagram(dg(quint32(i + 1), channel(1, 100 * i)), QHostAddress::LocalHost,
+                                          port);
+        QTRY_VERIFY(d.udp->lastSequence(0) == quint32(n) && d.udp->lastSequence(1) == quint32(n));
+        const QRegularExpression both(QStringLiteral("^m1@(\\d+),9@(\\d+)$"));
+        int seen = 0;
+        for (const QString &map : qAsConst(d.sink.seen)) {
+            const QRegularExpressionMatch m = both.match(map);
+            if (m.hasMatch() && ++seen)
+                QVERIFY2(qAbs(m.captured(1).toInt() - m.captured(2).toInt()) <=
+                             100 * KorbRdvStreamerUdp::DatagramsPerTurn,
+                         qPrintable(map));
+        }
+        QVERIFY(seen > n);
+    }
+
     void tcpWaitsForAFrameWorthAndReconnects()
     {
         Devices d;
@@ -249,6 +274,44 @@ private slots:
         QVERIFY(udp ? d.send(0, run(4, 4, {5000, 5004, 5100, 5200}))
                     : d.write(stream({channel(4, 5000), channel(4, 5004), channel(4, 5100)})));
         QCOMPARE(d.sink.text(), QString(udp ? "m4@100 m4@5100" : "m4@100 m4@200 m4@5100"));
+    }
+
+    // The packets of one turn of reads leave when it ends: all of them when it
+    // emptied the queue, only the newest when it left more queued.
+    void backlogSendsTheNewest_data()
+    {
+        QTest::addColumn<int>("queued");         // datagrams, 100 ms apart, a frame each
+        QTest::addColumn<QList<int>>("packets"); // the frames whose maps a client gets
+        const int turn = KorbRdvStreamerUdp::DatagramsPerTurn;
+        QList<int> later;
+        for (int i = turn - 2; i <= turn + 6; ++i)
+            later << i;
+        // The first frame only sets the clock and the last is still open.
+        QTest::newRow("one turn empties the queue: every packet") << 5 << QList<int>{1, 2, 3};
+        QTest::newRow("a turn's share and 8 more: the first turn's newest, then every packet")
+            << turn + 8 << later;
+    }
+
+    void backlogSendsTheNewest()
+    {
+        QFETCH(int, queued);
+        QFETCH(QList<int>, packets);
+        WebSocketServer server(nullptr, 0);
+        QVERIFY(server.listen(QHostAddress::LocalHost));
+        QObject owner;
+        WsTestClient *client = connectClient(server, &owner);
+        QVERIFY(client);
+        KorbRdvStreamerUdp udp(nullptr, &server, &server, 0, 0);
+        udp.setLocalAddress(QHostAddress::LocalHost);
+        QUdpSocket device;
+        QVERIFY(udp.bind() && device.bind(QHostAddress(QHostAddress::LocalHost), 0));
+        for (int i = 0; i < queued; ++i)
+            device.writeDatagram(dg(quint32(i + 1), channel(1, 100 * i)), QHostAddress::LocalHost,
+                                 udp.port1());
+        QByteArrayList expected;
+        for (int i : packets)
+            expected << channelPacket({frame(channel(1, 100 * i))});
+        QTRY_COMPARE(client->binaries, expected);
     }
 
     // A broadcast of large maps to many clients goes on in slices while datagrams

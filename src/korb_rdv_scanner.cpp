@@ -9,6 +9,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
@@ -34,10 +37,13 @@ KorbRdvScanner::~KorbRdvScanner() = default;
 
 bool KorbRdvScanner::resetBuffer(int size)
 {
-    m_charBuff.reset();
-    m_charBuffSize = 0;
+    keepAsSpare();
     if (size >= 1 && size <= MaxBufferSize) {
-        m_charBuff.reset(static_cast<char *>(std::calloc(size_t(size) + BufferSlack, 1)));
+        if (m_spare && m_spareSize == size)
+            m_charBuff = std::move(m_spare);
+        else
+            m_charBuff.reset(static_cast<char *>(std::calloc(size_t(size) + BufferSlack, 1)));
+        m_spare.reset();
         if (m_charBuff)
             m_charBuffSize = size;
     }
@@ -48,6 +54,24 @@ bool KorbRdvScanner::resetBuffer(int size)
     m_map.clear();
     m_throughput.start();
     return m_charBuff != nullptr;
+}
+
+void KorbRdvScanner::keepAsSpare()
+{
+    if (!m_charBuff)
+        return;
+    char *const buf = m_charBuff.get();
+    std::memset(buf, 0, size_t(m_written));
+    m_written = 0;
+    // The kernel may take the pages back; taken ones read as zero again.
+    const auto page = quintptr(sysconf(_SC_PAGESIZE));
+    const quintptr first = (quintptr(buf) + page - 1) & ~(page - 1);
+    const quintptr end = (quintptr(buf) + quintptr(m_charBuffSize)) & ~(page - 1);
+    if (end > first)
+        madvise(reinterpret_cast<void *>(first), end - first, MADV_FREE);
+    m_spare = std::move(m_charBuff);
+    m_spareSize = m_charBuffSize;
+    m_charBuffSize = 0;
 }
 
 int KorbRdvScanner::findHeader(const char *buf, int from, int last, Search how)
@@ -227,6 +251,7 @@ char *KorbRdvScanner::reserve(int n)
         return nullptr;
     if (qint64(m_fillEnd) + n > m_charBuffSize)
         restartFill();
+    m_written = qMax(m_written, m_fillEnd + n);
     return m_charBuff.get() + m_fillEnd;
 }
 

@@ -118,6 +118,8 @@ private:
     void restartFill();
     // The diagnostic names the scan, whichever helper prints it.
     void describe(const char *frame, const char *function, int line) const;
+    // Zeroes the buffer's written part and keeps it as the spare.
+    void keepAsSpare();
 
     KorbRdvSink *const m_sink;
     const Pacing m_pacing;
@@ -128,6 +130,15 @@ private:
     };
     std::unique_ptr<char[], FreeDeleter> m_charBuff;
     int m_charBuffSize = 0;
+    // Bytes from the start that may have been written since the buffer was zero.
+    int m_written = 0;
+    // A released buffer, zeroed, for the next allocation of the same size.
+    // Every burst after a silence allocates the buffer again and fills 64 MiB
+    // at the device's rate; first touches of fresh pages there cost the relay
+    // as much time again as the copies, just when the burst starts. The
+    // kernel may reclaim the spare's pages in the meantime (MADV_FREE).
+    std::unique_ptr<char[], FreeDeleter> m_spare;
+    int m_spareSize = 0;
     int m_fillEnd = 0;
     int m_scanPos = 0;
     int m_frameSize = 0;

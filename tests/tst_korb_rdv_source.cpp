@@ -7,6 +7,7 @@
 #include "support/rdv_test_encoder.h"
 #include "support/ws_test_client.h"
 
+#include <QBuffer>
 #include <QRegularExpression>
 #include <QTcpServer>
 #include <QTcpSocket>
@@ -151,6 +152,40 @@ private slots:
             QVERIFY(feed(scanner, chunks));
             QCOMPARE(sink.text(), handoffs);
         }
+    }
+
+    // A buffer released at a silence comes back as a fresh one: nothing of the
+    // last burst is found in it, whether it was kept for reuse or not.
+    void bufferAfterSilence_data()
+    {
+        QTest::addColumn<int>("size");      // asked for after the release
+        QTest::addColumn<bool>("appended"); // the last burst's frames, or a stream through the window
+        QTest::newRow("the same size, a stream written before") << 4096 << false;
+        QTest::newRow("the same size, frames appended before") << 4096 << true;
+        QTest::newRow("the largest size") << KorbRdvScanner::MaxBufferSize << false;
+    }
+
+    void bufferAfterSilence()
+    {
+        QFETCH(int, size);
+        QFETCH(bool, appended);
+        RecordingSink sink;
+        KorbRdvScanner scanner(&sink);
+        const QList<FrameSpec> last = {single(0), single(100), single(200)};
+        if (appended) {
+            QVERIFY(scanner.resetBuffer(4096));
+            for (const FrameSpec &s : last)
+                QVERIFY(scanner.append(frame(s).constData(), frame(s).size()));
+        } else {
+            QVERIFY(feed(scanner, {stream(last)}));
+        }
+        QVERIFY(!scanner.resetBuffer(0));
+        const QByteArray next = frame(single(300));
+        QVERIFY(scanner.resetBuffer(size) && scanner.append(next.constData(), next.size()));
+        QBuffer dump;
+        QVERIFY(dump.open(QIODevice::WriteOnly));
+        scanner.writeBuf(&dump);
+        QCOMPARE(dump.data(), next);
     }
 
     void udp_data()

@@ -138,6 +138,7 @@ protected:
             QCoreApplication::arguments().join(QLatin1Char(' ')).indexOf(QLatin1String("-cmd")) > 0;
 
         server = new KorbRdvStreamer(app, true, QStringList(), serviceName());
+        QObject::connect(server, &QObject::destroyed, server, &KorbRdvStreamer::qExit);
         QObject::connect(server, &KorbRdvStreamer::finished, app, &QCoreApplication::quit);
 
         if (server->serviceFlag() > 0)
@@ -185,7 +186,7 @@ int main(int argc, char **argv)
 
     KorbLoggerLight *logger = KorbLoggerLight::instance();
     logger->setCodec(QTextCodec::codecForName("UTF-8"));
-    Korb::logThreshold = 2;
+    Korb::logThreshold = Korb::DefaultLogThreshold;
     logger->setConsoleLevel(0);
     logger->setLogDir(Korb::getAbsPath(QStringLiteral("../logs")));
     logger->setLoggerName(QStringLiteral("rdv"));

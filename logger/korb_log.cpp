@@ -11,7 +11,7 @@
 
 namespace Korb {
 
-int logThreshold = 2;
+int logThreshold = DefaultLogThreshold;
 
 QString sourceName(const QObject *sender)
 {

@@ -9,6 +9,7 @@ namespace Korb {
 
 // Process-wide log threshold: 0 errors, 1 warnings, 2 information, 3 debug,
 // 4 and above extra detail. Set from -lt; read without a lock.
+constexpr int DefaultLogThreshold = 2;
 extern int logThreshold;
 
 // A record of `level` passes the threshold; negative levels always pass.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "src/korb_rdv_player.h"
 #include "src/korb_rdv_source.h"
 
 #include <QElapsedTimer>
@@ -9,11 +10,11 @@
 #include <memory>
 
 // A recorded frame file as a data source: loaded whole into memory, then
-// stepped by its timer while the WebSocket server has it play. Every step hands the
+// stepped by its timer while the WebSocket server has it play (as its player). Every step hands the
 // frames whose time has come, in file order, to the scanner's accept step,
 // which sends those at least one send interval apart and thins the rest.
 // The end of the file wraps to its start.
-class KorbRdvPlayback : public KorbRdvSource
+class KorbRdvPlayback : public KorbRdvSource, public KorbRdvPlayer
 {
     Q_OBJECT
     Q_DISABLE_COPY(KorbRdvPlayback)
@@ -33,7 +34,7 @@ public:
     // console line "file no open ro mode" when it cannot be read, "file size
     // >" when it is larger than the maximum playback file size. The buffer is
     // that maximum, zero-filled. Playback then stands at the first frame.
-    bool load(const QString &name);
+    bool load(const QString &name) override;
     bool isLoaded() const { return m_played.isOpen(); }
     // Pacing starts again from the next frame with the current send
     // interval; with `rewind` the next frame is the file's first.
@@ -44,13 +45,11 @@ public:
     // Steps once a send interval (Korb::sendIntervalMs, at least 1 ms), from
     // a restart(rewind), while a file is loaded; a file without frames, or
     // loading another, stops it.
-    void play(bool rewind);
-    void pause();
-    bool isPlaying() const { return m_timerId != 0; }
-    int tickMs() const { return m_tickMs; }
-    // Plays from the start for a first consumer of its packets, goes on
-    // while there are `consumers`, and pauses without any.
-    void follow(int consumers, bool first);
+    void play(bool rewind) override;
+    void pause() override;
+    bool isPlaying() const override { return m_timerId != 0; }
+    int tickMs() const override { return m_tickMs; }
+    void follow(int consumers, bool first) override;
 
 protected:
     void timerEvent(QTimerEvent *event) override;

@@ -7,9 +7,17 @@
 // WebSocket server.
 namespace Korb {
 
-constexpr quint16 DefaultPort = 3005;          // WebSocket port and device port
-constexpr quint16 DefaultSendIntervalMs = 50;  // send interval when none is given
-constexpr int DefaultMaxFileSize = 67108864;   // largest replay file and the character buffer size
+constexpr const char *ProgramName = "KorbRdv_streamer"; // names the pid file, the lock, the configuration
+constexpr quint16 DefaultPort = 3005;                   // WebSocket port and device port
+constexpr quint16 DefaultSendIntervalMs = 50;           // send interval when none is given
+constexpr quint16 MinSendIntervalMs = 2;                // the shortest one -interval_ms= accepts
+// WebSocket clients served at once (the -max_clients= default); more are
+// refused with 1013, and connections still in the handshake are held to it.
+constexpr int DefaultMaxClients = 1024;
+constexpr int DefaultMaxFileSize = 67108864; // largest replay file and the character buffer size
+// The TLS port's certificate and key, beside the program like every relative path.
+constexpr const char *DefaultTlsCertificate = "../etc/korb.crt";
+constexpr const char *DefaultTlsKey = "../etc/korb.key";
 extern const char *const DefaultDeviceAddress; // the device when -addr= is absent: 127.0.0.1
 
 // Send interval in milliseconds: -interval_ms= and the client command "ims".

@@ -1,15 +1,11 @@
 #include "src/korb_rdv_tls.h"
 
-#include "src/korb_env.h"
-
 #include <QFile>
 #include <QFileInfo>
-#include <QSettings>
 #include <QSslCertificate>
 #include <QSslConfiguration>
 #include <QSslKey>
 #include <QSslSocket>
-#include <QTextCodec>
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -83,22 +79,6 @@ QString pairError(const QSslConfiguration &configuration)
 } // namespace
 
 namespace Korb {
-
-TlsFiles tlsFiles(const QString &configFile)
-{
-    TlsFiles files{QString::fromLatin1(DefaultTlsCertificate), QString::fromLatin1(DefaultTlsKey)};
-    if (!configFile.isEmpty()) {
-        QSettings settings(configFile, QSettings::IniFormat);
-        settings.setIniCodec(QTextCodec::codecForName("System"));
-        settings.beginGroup(QStringLiteral("tls"));
-        files.certificate = settings.value(QStringLiteral("certificate"), files.certificate).toString();
-        files.key = settings.value(QStringLiteral("key"), files.key).toString();
-        settings.endGroup();
-    }
-    files.certificate = getAbsPath(files.certificate);
-    files.key = getAbsPath(files.key);
-    return files;
-}
 
 bool tlsServerConfiguration(const TlsFiles &files, QSslConfiguration *configuration, QString *error)
 {

@@ -8,21 +8,12 @@ class QSslConfiguration;
 // of TLS made from them.
 namespace Korb {
 
-// Defaults beside the program, like every other relative path.
-constexpr const char *DefaultTlsCertificate = "../etc/korb.crt";
-constexpr const char *DefaultTlsKey = "../etc/korb.key";
-
+// Absolute paths (the relay's options settle them).
 struct TlsFiles
 {
     QString certificate;
     QString key;
 };
-
-// The "certificate" and "key" entries of the [tls] group of `configFile`;
-// whatever is not given there (everything when `configFile` is empty) is
-// the default. Absolute paths, relative ones taken against the application
-// directory.
-TlsFiles tlsFiles(const QString &configFile);
 
 // TLS 1.2 or later with Qt's default ciphers, the certificate (a chain: the
 // server's own first) and its private key, no client certificates asked.

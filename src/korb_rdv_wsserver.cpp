@@ -37,7 +37,7 @@ WebSocketServer::WebSocketServer(QObject *parent, quint16 port)
     : QWebSocketServer(QStringLiteral("rdv"), QWebSocketServer::NonSecureMode, parent),
       m_port(port ? port : Korb::DefaultPort),
       m_listener(new KorbRdvWsListener(this, MaxClientReplyBacklog, ClientReadBufferSize)),
-      m_fanOut(new KorbRdvFanOut(this, m_clients)), m_playback(new KorbRdvPlayback(this, this))
+      m_fanOut(new KorbRdvFanOut(this, m_clients))
 {
     addListener(m_listener);
     connect(this, &QWebSocketServer::newConnection, this, &WebSocketServer::onNewConnection);
@@ -72,7 +72,8 @@ void WebSocketServer::stop()
     if (!isListening())
         return;
     close();
-    m_playback->pause();
+    if (m_player)
+        m_player->pause();
     for (QWebSocket *socket : m_clients.keys())
         socket->close();
 }
@@ -104,7 +105,7 @@ void WebSocketServer::setExternalConsumers(int count)
     const bool had = consumerCount() > 0;
     m_externalConsumers = qMax(0, count);
     if (had != (consumerCount() > 0))
-        m_playback->follow(consumerCount(), !had); // a broker link is a consumer like a client
+        follow(!had); // a broker link is a consumer like a client
 }
 
 void WebSocketServer::onNewConnection()
@@ -137,7 +138,7 @@ void WebSocketServer::onNewConnection()
     KTRACE << "client" << client->descriptor() << socket->peerAddress().toString() << socket->peerPort()
            << "clients:" << m_clients.size();
     // A first listener hears the recording from its start.
-    m_playback->follow(consumerCount(), consumerCount() == 1);
+    follow(consumerCount() == 1);
 }
 
 void WebSocketServer::onDisconnected()
@@ -166,15 +167,15 @@ bool WebSocketServer::removeClient(quint64 descriptor)
     socket->deleteLater();
     // Deliberately "at most one": the last remaining listener does not keep
     // playback going after an explicit removal; a broker link still does.
-    if (m_clients.size() <= 1 && m_externalConsumers == 0)
-        m_playback->pause();
+    if (m_clients.size() <= 1 && m_externalConsumers == 0 && m_player)
+        m_player->pause();
     return true;
 }
 
 void WebSocketServer::dropFromTable(QWebSocket *socket)
 {
     delete m_clients.take(socket);
-    m_playback->follow(consumerCount(), false);
+    follow(false);
 }
 
 void WebSocketServer::onRepliesUnread(KorbRdvWsClient *client)
@@ -267,7 +268,8 @@ void WebSocketServer::onReadyReadT(const QString &message)
         emit runCmd(command.word);
     } else if (command.action == RdvClientCommand::SetInterval) {
         Korb::sendIntervalMs = command.intervalMs;
-        m_playback->play(false);
+        if (m_player)
+            m_player->play(false);
         emit runCmd(command.intervalMs);
     }
     if (!command.reply.isEmpty())
@@ -292,8 +294,15 @@ void WebSocketServer::onReadyReadB(const QByteArray &message)
 
 bool WebSocketServer::setFileNm(const QString &name)
 {
-    const bool loaded = m_playback->load(name); // a file that does not exist changes nothing
+    // A file that does not exist changes nothing.
+    const bool loaded = m_player && m_player->load(name);
     if (loaded)
-        m_playback->follow(consumerCount(), true);
+        follow(true);
     return loaded;
+}
+
+void WebSocketServer::follow(bool first)
+{
+    if (m_player)
+        m_player->follow(consumerCount(), first);
 }

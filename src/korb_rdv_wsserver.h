@@ -1,7 +1,8 @@
 #pragma once
 
 #include "src/korb_rdv_fanout.h"
-#include "src/korb_rdv_playback.h"
+#include "src/korb_rdv_player.h"
+#include "src/korb_rdv_settings.h"
 #include "src/korb_rdv_sink.h"
 #include "src/korb_rdv_wire.h"
 #include "src/korb_rdv_ws_listener.h"
@@ -17,7 +18,7 @@ class KorbRdvWsClient;
 // TLS through a listener added to it) that keeps the table of its clients,
 // answers their text commands and broadcasts the binary Rdv packets built
 // from the device frames (through its fan-out). A loaded recording is
-// replayed by the playback source while anybody takes its packets: the first
+// replayed by its player while anybody takes its packets: the first
 // consumer starts it, the last one stops it.
 class WebSocketServer : public QWebSocketServer, public KorbRdvSink
 {
@@ -35,9 +36,6 @@ public:
     // once; a client that sends commands without reading the answers is
     // disconnected (1008) past it instead of growing the relay's memory.
     static constexpr qint64 MaxClientReplyBacklog = 64 * 1024;
-    // Clients served at once (the -max_clients= default); more are refused
-    // with 1013. Connections still in the handshake are held to it as well.
-    static constexpr int DefaultMaxClients = 1024;
     // "Try Again Later" of the WebSocket close code registry; Qt 5 has no name for it.
     static constexpr auto CloseCodeTryAgainLater = QWebSocketProtocol::CloseCode(1013);
     // A client told why it is closed gets this long to read it before its
@@ -91,13 +89,13 @@ public:
     void holdPackets() override { m_fanOut->hold(); }
     void releasePackets(bool newestOnly) override { m_fanOut->release(newestOnly); }
 
-    // Loads a recording for playback (the playback source's load rules).
+    // What replays a recording; without one, setFileNm loads nothing.
+    void setPlayer(KorbRdvPlayer *player) { m_player = player; }
+    // Loads a recording for playback (the player's load rules).
     bool setFileNm(const QString &name);
     // Whether the playback timer runs, and its period.
-    bool playbackActive() const { return m_playback->isPlaying(); }
-    int playbackTimerInterval() const { return m_playback->tickMs(); }
-    // Frames of the recording taken by the playback's accept step.
-    qint64 playbackFrames() const { return m_playback->scanner().framesAccepted(); }
+    bool playbackActive() const { return m_player && m_player->isPlaying(); }
+    int playbackTimerInterval() const { return m_player ? m_player->tickMs() : 0; }
 
     // Binary messages handed to the broadcast since the process started.
     static int broadcastCount() { return s_broadcastCount; }
@@ -122,6 +120,8 @@ public slots:
     void onDisconnected();
 
 private:
+    // The player follows the consumers: `first` when one has just come to none.
+    void follow(bool first);
     void dropFromTable(QWebSocket *socket);
     void onRepliesUnread(KorbRdvWsClient *client);
     void cutOff(KorbRdvWsClient *client);
@@ -135,10 +135,10 @@ private:
     quint16 m_port;
     KorbRdvWsListener *m_listener; // the plain port's, first of the listeners
     QList<KorbRdvWsListener *> m_listeners;
-    int m_maxClients = DefaultMaxClients;
+    int m_maxClients = Korb::DefaultMaxClients;
     int m_externalConsumers = 0;
     // The client table, ordered by socket pointer: broadcasts visit it in that order.
     QMap<QWebSocket *, KorbRdvWsClient *> m_clients;
     KorbRdvFanOut *m_fanOut;
-    KorbRdvPlayback *m_playback;
+    KorbRdvPlayer *m_player = nullptr;
 };

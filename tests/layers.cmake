@@ -3,6 +3,9 @@
 #   tools (decoder, synthetic frames)                        core and tools
 #   relay (every other src/ unit)                            core and relay
 #   service (service/)                                       core and service
+# Inside the relay, the road of a frame runs one way: sources -> scanner ->
+# sink. No unit of the sink side includes a source's header; what the sink
+# asks of a source (the player of a recording) is an interface of its own.
 # Included by tests/CMakeLists.txt, it registers itself as the test "layers";
 # run with -P, it checks the tree. Relay units are whatever src/ holds beyond
 # the core and tools lists of CMakeLists.txt, so new relay files need nothing
@@ -45,6 +48,12 @@ function(layer_of out file)
   endif()
 endfunction()
 
+set(sink_units src/korb_rdv_wsserver src/korb_rdv_fanout src/korb_rdv_ws_client src/korb_rdv_ws_listener
+  src/korb_rdv_tls_listener src/korb_rdv_tls_socket src/korb_rdv_tls src/korb_rdv_client_link
+  src/korb_rdv_client_socket src/korb_rdv_command src/korb_rdv_player src/korb_rdv_mqtt_publisher)
+set(source_units src/korb_rdv_source src/korb_rdv_playback src/korb_rdv_udp_cli src/korb_rdv_tcp_cli
+  src/korb_rdv_mqtt_edge)
+
 set(allowed_core core)
 set(allowed_tools core tools)
 set(allowed_relay core relay)
@@ -64,10 +73,16 @@ foreach(file ${files})
       message("${file}: ${from} includes ${header} (${to})")
       math(EXPR faults "${faults} + 1")
     endif()
+    string(REGEX REPLACE "\\.(cpp|h)$" "" from_stem "${file}")
+    string(REGEX REPLACE "\\.(cpp|h)$" "" to_stem "${header}")
+    if(from_stem IN_LIST sink_units AND to_stem IN_LIST source_units)
+      message("${file}: the sink includes the source ${header}")
+      math(EXPR faults "${faults} + 1")
+    endif()
   endforeach()
 endforeach()
 list(LENGTH files count)
 if(faults GREATER 0)
   message(FATAL_ERROR "${faults} include(s) against the layers")
 endif()
-message("layers: ${count} files, every include within its layer")
+message("layers: ${count} files, every include within its layer, the sink apart from the sources")

@@ -2,6 +2,7 @@
 // for byte (with no client too), its state and its health; a broker that is
 // gone or frozen costs the clients nothing; an edge relay serves a topic.
 #include "src/korb_env.h"
+#include "src/korb_rdv_assembly.h"
 #include "src/korb_rdv_mqtt_edge.h"
 #include "src/korb_rdv_mqtt_link.h"
 #include "src/korb_rdv_mqtt_publisher.h"
@@ -127,7 +128,7 @@ private slots:
         MqttRecorder again(m_broker.port(), topic("rdv"));
         QTRY_VERIFY_WITH_TIMEOUT(again.count(topic("rdv")) > 0, 10000);
         QVERIFY2(back.elapsed() <= 5000, qPrintable(QString::number(back.elapsed())));
-        QVERIFY(s->mqttPublisher()->link()->droppedPublishes() > 0);
+        QVERIFY(s->assembly()->mqttPublisher()->link()->droppedPublishes() > 0);
     }
 
     void edgeRelay_data()
@@ -159,7 +160,8 @@ private slots:
         idle.setReadBufferSize(1); // takes nothing off the wire from now on
         client->socket.sendTextMessage("ims:" + QString::number(interval));
         MqttRecorder publisher(m_broker.port());
-        QTRY_VERIFY(client->texts.size() == 1 && s->mqttEdge()->link()->isUp() && publisher.link->isUp());
+        QTRY_VERIFY(client->texts.size() == 1 && s->assembly()->mqttEdge()->link()->isUp() &&
+                    publisher.link->isUp());
         QByteArrayList sent;
         QTimer clock;
         connect(&clock, &QTimer::timeout, this, [&] {
@@ -177,7 +179,7 @@ private slots:
         for (const QByteArray &packet : qAsConst(client->binaries))
             QVERIFY(sent.contains(packet));
         QCOMPARE(s->server()->replacedPackets() > 0, samples > 2);
-        QTRY_COMPARE(s->mqttEdge()->packetsRefused(), samples ? 0 : sent.size());
+        QTRY_COMPARE(s->assembly()->mqttEdge()->packetsRefused(), samples ? 0 : sent.size());
     }
 
     void stateTurnsOfflineWhenKilled()

@@ -4,6 +4,7 @@
 // a TLS client that stops reading holds about one packet, encrypted or not.
 #include "logger/korb_logger_light.h"
 #include "src/korb_env.h"
+#include "src/korb_rdv_options.h"
 #include "src/korb_rdv_tls_listener.h"
 #include "src/korb_rdv_tls_socket.h"
 #include "src/korb_rdv_wsserver.h"
@@ -69,8 +70,10 @@ private slots:
         QFile ini(file("korb.ini"));
         QVERIFY(ini.open(QIODevice::WriteOnly) && ini.write("[tls]\n" + group.arg(m_dir.path()).toUtf8()));
         ini.close();
-        QVERIFY(
-            !KorbRdvTlsListener::open(&m_server, 0, Korb::tlsFiles(group.isEmpty() ? "" : ini.fileName())));
+        const KorbRdvOptions o = KorbRdvOptions::parse(
+            QStringList{"relay"} +
+            (group.isEmpty() ? QStringList{"-nofile"} : QStringList{"-cfg", ini.fileName()}));
+        QVERIFY(!KorbRdvTlsListener::open(&m_server, 0, {o.tlsCertificate, o.tlsKey}));
         QCOMPARE(logged("порт WebSocket TLS 0 не открыт: " + file(error)), 1);
     }
 

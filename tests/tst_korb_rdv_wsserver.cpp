@@ -1,6 +1,7 @@
 // The WebSocket server with real clients on 127.0.0.1: frames in and packets
 // out byte for byte, a recording played, commands and replies, and clients
 // that read slowly, not at all, or are too many.
+#include "src/korb_rdv_playback.h"
 #include "src/korb_rdv_settings.h"
 #include "src/korb_rdv_wsserver.h"
 #include "support/rdv_test_encoder.h"
@@ -45,6 +46,7 @@ private slots:
         // Frame times are multiples of 4 ms: their milliseconds survive the double arithmetic exactly.
         Korb::sendIntervalMs = 8;
         m_server.reset(new WebSocketServer(nullptr, 0));
+        m_server->setPlayer(new KorbRdvPlayback(m_server.get(), m_server.get()));
         QVERIFY(m_server->listen(QHostAddress::LocalHost));
     }
 

@@ -1,0 +1,177 @@
+#include "src/korb_rdv_assembly.h"
+
+#include "logger/korb_log.h"
+#include "src/korb_rdv_mqtt_edge.h"
+#include "src/korb_rdv_mqtt_link.h"
+#include "src/korb_rdv_mqtt_publisher.h"
+#include "src/korb_rdv_playback.h"
+#include "src/korb_rdv_tcp_cli.h"
+#include "src/korb_rdv_tls_listener.h"
+#include "src/korb_rdv_udp_cli.h"
+#include "src/korb_rdv_wsserver.h"
+
+#include <QHostAddress>
+
+KorbRdvAssembly::KorbRdvAssembly(QObject *owner, const KorbRdvOptions &options, const QString &instance)
+    : QObject(owner), m_owner(owner), m_options(options), m_instance(instance)
+{
+    setObjectName(QStringLiteral("assembly"));
+}
+
+bool KorbRdvAssembly::openPorts()
+{
+    m_server = new WebSocketServer(m_owner, m_options.port);
+    m_server->setMaxClients(m_options.maxClients);
+    m_playback = new KorbRdvPlayback(m_server, m_server);
+    m_server->setPlayer(m_playback);
+    if (!m_server->start(m_options.port)) {
+        KTRACE << "no listen ws port" << m_options.port;
+        KLOG(m_owner, -1,
+             tr("не удалось открыть порт WebSocket %1: %2").arg(m_options.port).arg(m_server->errorString()));
+        return false;
+    }
+    // The TLS port fails on its own: the plain one serves whatever becomes of it.
+    if (m_options.securePort)
+        KorbRdvTlsListener::open(m_server, m_options.securePort,
+                                 {m_options.tlsCertificate, m_options.tlsKey});
+    return true;
+}
+
+bool KorbRdvAssembly::openSources()
+{
+    if (!m_options.mqttSource.isEmpty() && (m_options.replay() || m_options.udp())) {
+        KLOG(m_owner, 1,
+             tr("источник данных - брокер MQTT (-mqtt-sub=): -file= и -udp1=/-udp2= не действуют"));
+        m_options.replayFile.clear();
+        m_options.udpPorts[0] = m_options.udpPorts[1] = 0;
+    }
+    if (m_options.replay() && !m_server->setFileNm(m_options.replayFile))
+        KLOG(m_owner, 0, tr("файл воспроизведения не загружен: %1").arg(m_options.replayFile));
+    return openBrokerLinks();
+}
+
+bool KorbRdvAssembly::openBrokerLinks()
+{
+    m_health = new KorbRdvHealth(this, [this] { return healthFigures(); });
+    QString subHost, pubHost;
+    quint16 subPort = 0, pubPort = 0;
+    QByteArray topic;
+    const QString &source = m_options.mqttSource, &target = m_options.mqttTarget;
+    const QByteArray state = Rdv::mqttTopic(m_instance, Rdv::MqttStateLeaf);
+    if (!source.isEmpty() && !KorbRdvMqttEdge::parseSource(source, &subHost, &subPort, &topic)) {
+        KTRACE << "err arg mqtt-sub: " << source;
+        KLOG(m_owner, -1, tr("-mqtt-sub=%1: нужен HOST[:PORT]/TOPIC").arg(source));
+        return false;
+    }
+    if (!target.isEmpty() && (!KorbRdvMqttLink::parseTarget(target, &pubHost, &pubPort) ||
+                              !KorbRdvMqttLink::validTopic(state, false))) {
+        KTRACE << "err arg mqtt: " << target;
+        KLOG(m_owner, -1, tr("-mqtt=%1: нужен HOST[:PORT] и имя экземпляра без '+' и '#'").arg(target));
+        return false;
+    }
+    if (!source.isEmpty())
+        m_edge = new KorbRdvMqttEdge(m_owner, m_server, m_server, m_instance, topic);
+    if (!target.isEmpty())
+        m_publisher = new KorbRdvMqttPublisher(m_owner, m_server, m_instance);
+    // State and health go with the instance's packets, else with the edge's link.
+    KorbRdvMqttLink *announcer = m_publisher ? m_publisher->link() : m_edge ? m_edge->link() : nullptr;
+    if (announcer) {
+        announcer->setPresenceTopic(state);
+        const QByteArray stats = Rdv::mqttTopic(m_instance, Rdv::MqttStatsLeaf);
+        connect(m_health, &KorbRdvHealth::sampled, announcer, [announcer, stats](const QByteArray &json) {
+            if (announcer->isUp())
+                announcer->publish(stats, json, true);
+        });
+    }
+    if (m_edge)
+        m_edge->link()->open(subHost, subPort);
+    if (m_publisher)
+        m_publisher->link()->open(pubHost, pubPort);
+    return true;
+}
+
+KorbRdvStreamerTcp *KorbRdvAssembly::createTcpClient()
+{
+    if (m_edge || !m_tcpClients.isEmpty())
+        return nullptr;
+    // With the default address the device port is our own WebSocket port:
+    // connecting would only talk to ourselves.
+    const QString &host = m_options.deviceHost;
+    const quint16 port = m_options.devicePort;
+    if ((QHostAddress(host).isLoopback() || host == QLatin1String("localhost")) && port == m_options.port) {
+        KLOG(m_owner, 1,
+             tr("TCP-клиент не создан: адрес устройства %1:%2 совпадает с собственным портом WebSocket")
+                 .arg(host)
+                 .arg(port));
+        return nullptr;
+    }
+    auto *tcp = new KorbRdvStreamerTcp(m_owner, m_server, m_server, host, port);
+    m_tcpClients.insert(port, tcp);
+    return tcp;
+}
+
+bool KorbRdvAssembly::createConnect()
+{
+    // A connection waits in a nested event loop: the table is walked as a
+    // copy, and an object deleted meanwhile is left alone.
+    const QPointer<KorbRdvAssembly> self(this);
+    const QList<QPointer<KorbRdvStreamerTcp>> clients = m_tcpClients.values();
+    for (const QPointer<KorbRdvStreamerTcp> &tcp : clients) {
+        if (tcp)
+            tcp->rearm();
+        if (!self)
+            return false;
+    }
+    bool ok = true;
+    quint16 *const ports = m_options.udpPorts;
+    if (ports[0] && ports[1]) {
+        delete m_udp;
+        m_udp = new KorbRdvStreamerUdp(m_owner, m_server, m_server, ports[0], ports[1]);
+        m_udp->setLocalAddress(QHostAddress(QHostAddress::AnyIPv4));
+        ok = m_udp->bind();
+    }
+    // Cleared so that a second call does not open a second receiver.
+    ports[0] = ports[1] = 0;
+    return ok;
+}
+
+void KorbRdvAssembly::pause()
+{
+    for (const QPointer<KorbRdvStreamerTcp> &tcp : qAsConst(m_tcpClients))
+        if (tcp)
+            tcp->stop();
+}
+
+KorbRdvHealth::Figures KorbRdvAssembly::healthFigures() const
+{
+    KorbRdvHealth::Figures f;
+    f.packetsBuilt = WebSocketServer::broadcastCount();
+    f.wsClients = m_server->clientCount();
+    f.packetsReplaced = m_server->replacedPackets();
+    if (m_publisher)
+        f.brokerDropped = m_publisher->link()->droppedPublishes();
+    if (m_edge) {
+        // The edge builds nothing: what it takes are packets, handed on as they are.
+        f.source = QStringLiteral("mqtt");
+        f.framesAccepted = m_edge->packetsReceived();
+        f.packetsBuilt = m_edge->packetsForwarded();
+    } else if (m_options.replay()) {
+        f.source = QStringLiteral("file");
+        f.framesAccepted = m_playback->scanner().framesAccepted();
+    } else if (m_udp || m_options.udp()) {
+        f.source = QStringLiteral("udp");
+        const KorbRdvStreamerUdp::Totals totals = KorbRdvStreamerUdp::totals();
+        f.datagramsAccepted = totals.udpOk;
+        f.datagramsDropped = totals.udpEr;
+        if (m_udp) {
+            f.framesAccepted = m_udp->scanner().framesAccepted();
+            f.kernelDrops = KorbRdvHealth::kernelDrops(m_udp->socketDescriptors());
+        }
+    } else {
+        f.source = QStringLiteral("tcp");
+        for (const QPointer<KorbRdvStreamerTcp> &tcp : m_tcpClients)
+            if (tcp)
+                f.framesAccepted += tcp->scanner().framesAccepted();
+    }
+    return f;
+}

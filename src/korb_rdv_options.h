@@ -1,0 +1,79 @@
+#pragma once
+
+#include "src/korb_rdv_settings.h"
+
+#include <QByteArray>
+#include <QSet>
+#include <QString>
+#include <QStringList>
+#include <QVector>
+
+#include <optional>
+
+// The relay's own options, as one plain value: what its command line says,
+// and for what the command line leaves unsaid, the keys of the
+// configuration file that stand for options. One table describes every
+// option (its name, value, default and meaning); one parser reads them all.
+// Nothing here opens a socket; reading an option only reads the file system.
+struct KorbRdvOptions
+{
+    // How an option is written.
+    enum class Form {
+        Attached, // "-name=VALUE": recognised at the start of the argument, case-sensitive
+        Word,     // "-name VALUE": the whole argument, any case; VALUE is the next argument
+                  // unless that begins with "-"
+        Flag,     // "-name": the whole argument, any case, no value
+        File      // only a key of the configuration file
+    };
+
+    // One row of the table. `apply` takes the value into the options and
+    // says whether it was accepted; the parser reports a refused value on
+    // the console, followed by `refusal` when there is one.
+    struct Spec
+    {
+        const char *name; // as typed, with its "=" for the attached form
+        Form form;
+        const char *iniKey; // "group/key" of the configuration file, or null
+        const char *value;  // what the value is, as the README writes it
+        QString fallback;   // the default, as the README writes it
+        const char *meaning;
+        bool (*apply)(KorbRdvOptions &options, const QString &value);
+        QString refusal; // what a refused value leaves
+    };
+    static const QVector<Spec> &table();
+
+    // Reads `arguments` (the program's own name first), then, unless -nofile
+    // was given, the configuration file for the keys the command line left
+    // unset, and settles the defaults.
+    static KorbRdvOptions parse(const QStringList &arguments);
+    // The configuration file's values for every key not in `given`.
+    void readConfigFile();
+    // What the options change for the whole process: the send interval, the
+    // log threshold, the logger's directory and codec.
+    void applyProcessWide() const;
+
+    bool replay() const { return !replayFile.isEmpty(); }
+    bool udp() const { return udpPorts[0] && udpPorts[1]; }
+
+    quint16 port = 0;       // 3005 unless -p gave 2..65533
+    quint16 securePort = 0; // 0: no TLS port
+    QString configFile;     // absolute
+    bool noFile = false;    // read no configuration file
+    QString deviceHost;     // the TCP device
+    quint16 devicePort = 0;
+    QString replayFile;           // absolute, an existing file; empty: a live source
+    quint16 udpPorts[2] = {0, 0}; // both or neither
+    std::optional<quint16> sendIntervalMs;
+    int maxClients = Korb::DefaultMaxClients;
+    QString mqttTarget; // -mqtt=HOST[:PORT]
+    QString mqttSource; // -mqtt-sub=HOST[:PORT]/TOPIC
+    std::optional<int> logThreshold;
+    bool logThresholdValid = false; // the -lt value was a number
+    QString logDir;                 // absolute; empty: the default
+    QByteArray terminalCodec;       // empty: the default
+    QString tlsCertificate;         // absolute
+    QString tlsKey;                 // absolute
+
+    // Names (or INI keys) of the options the command line gave.
+    QSet<QString> given;
+};

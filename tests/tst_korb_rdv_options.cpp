@@ -1,0 +1,130 @@
+// The relay's options: what a command line (and the configuration file
+// beside it) settles, with the quirks operators' scripts rely on; and the
+// README's options table, which must list every option there is.
+#include "logger/korb_log.h"
+#include "logger/korb_logger_light.h"
+#include "src/korb_env.h"
+#include "src/korb_rdv_options.h"
+
+#include <QtTest>
+
+namespace {
+// Every field an option can set, as one line of "name=value" items.
+QString settled(const KorbRdvOptions &o, const QString &root)
+{
+    const auto opt = [](auto v) { return v ? QString::number(*v) : QStringLiteral("-"); };
+    const auto rel = [&root](QString path) {
+        return path.replace(root + "/bin/..", QStringLiteral("~")).replace(root, QStringLiteral("~"));
+    };
+    return QStringList{"port=" + QString::number(o.port),
+                       "tls=" + QString::number(o.securePort),
+                       QStringLiteral("device=%1:%2").arg(o.deviceHost).arg(o.devicePort),
+                       QStringLiteral("udp=%1,%2").arg(o.udpPorts[0]).arg(o.udpPorts[1]),
+                       "interval=" + opt(o.sendIntervalMs),
+                       "clients=" + QString::number(o.maxClients),
+                       "replay=" + rel(o.replayFile),
+                       "mqtt=" + o.mqttTarget + "|" + o.mqttSource,
+                       QStringLiteral("lt=%1%2").arg(opt(o.logThreshold), o.logThresholdValid ? "" : "?"),
+                       "ld=" + rel(o.logDir),
+                       "tc=" + QString::fromLatin1(o.terminalCodec),
+                       "cfg=" + rel(o.configFile),
+                       "nofile=" + QString::number(o.noFile),
+                       "cert=" + rel(o.tlsCertificate),
+                       "key=" + rel(o.tlsKey),
+                       ""}
+        .join(' ');
+}
+} // namespace
+
+class tst_KorbRdvOptions : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase()
+    {
+        Korb::setAppDir(m_tmp.filePath("bin"));
+        KorbLoggerLight::instance()->setLogDir(m_tmp.filePath("logs"));
+        QFile rec(m_tmp.filePath("rec.rdv"));
+        QFile ini(m_tmp.filePath("etc/relay.ini"));
+        QVERIFY(rec.open(QIODevice::WriteOnly) && QDir(m_tmp.path()).mkpath("etc") &&
+                ini.open(QIODevice::WriteOnly) &&
+                ini.write("[tls]\ncertificate=/pki/relay.crt\nkey=relay.key\n[domains]\nx=1\n"));
+    }
+
+    void parse_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<QString>("expected"); // items of settled(), each followed by a blank
+        // clang-format off
+        QTest::newRow("nothing given: the defaults") << QStringList{} << "port=3005 tls=0 device=127.0.0.1:3005 udp=0,0 interval=- clients=1024 replay= mqtt=| lt=-? ld= tc= cfg=~/etc/KorbRdv_streamer.ini nofile=0 cert=~/etc/korb.crt key=~/etc/korb.key";
+        QTest::newRow("-p 0 and -p 1 end as 3005") << QStringList{"-p", "1", "-p", "0"} << "port=3005";
+        QTest::newRow("-p 0x10 hexadecimal; ff hexadecimal when not decimal") << QStringList{"-p", "0x10", "-P", "ff"} << "port=255";
+        QTest::newRow("-p 65534 and a value of neither base end as 3005") << QStringList{"-p", "65534", "-p", "zz"} << "port=3005";
+        QTest::newRow("-p 0x10 alone") << QStringList{"-p", "0x10"} << "port=16";
+        QTest::newRow("a word option before another option takes no value") << QStringList{"-p", "-ps", "0x2000"} << "port=3005 tls=8192";
+        QTest::newRow("one UDP port is kept, but no pair") << QStringList{"-udp1=5000"} << "udp=5000,0";
+        QTest::newRow("both UDP ports; 65535 refused") << QStringList{"-udp1=5000", "-udp2=65535", "-udp2=5001"} << "udp=5000,5001";
+        QTest::newRow("-interval_ms=2 taken, a refused one puts back 50") << QStringList{"-interval_ms=2"} << "interval=2";
+        QTest::newRow("-interval_ms=1 after 100") << QStringList{"-interval_ms=100", "-interval_ms=1"} << "interval=50";
+        QTest::newRow("device: bracketed IPv6 and port; a bad port is the default") << QStringList{"-addr=[::1]:4001", "-addr=dev:x"} << "device=dev:3005";
+        QTest::newRow("device: bracketed IPv6 and port") << QStringList{"-addr=[::1]:4001"} << "device=::1:4001";
+        QTest::newRow("client limit; 0 refused") << QStringList{"-max_clients=5", "-max_clients=0"} << "clients=5";
+        QTest::newRow("-file= of nothing, then of a file") << QStringList{"-file=" + m_tmp.filePath("none.rdv"), "-file=../rec.rdv"} << "replay=~/rec.rdv";
+        QTest::newRow("brokers") << QStringList{"-mqtt=b:1884", "-mqtt-sub=b/korbrdv/x/rdv"} << "mqtt=b:1884|b/korbrdv/x/rdv";
+        QTest::newRow("-lt abc: errors only") << QStringList{"-lt", "abc"} << "lt=0?";
+        QTest::newRow("-LT 3, -ld and -tc in any case") << QStringList{"-LT", "3", "-LD", "../journal", "-Tc", "cp1251"} << "lt=3 ld=~/journal tc=cp1251";
+        QTest::newRow("-cfg -nofile: no value, -nofile an option of its own") << QStringList{"-cfg", "-nofile"} << "cfg=~/etc/KorbRdv_streamer.ini nofile=1 cert=~/etc/korb.crt";
+        QTest::newRow("-cfg of a relative name: in ../etc; its [tls] keys") << QStringList{"-cfg", "relay.ini"} << "cfg=~/etc/relay.ini cert=/pki/relay.crt key=~/bin/relay.key";
+        QTest::newRow("-nofile: the configuration's keys are not read") << QStringList{"-cfg", "relay.ini", "-nofile"} << "cert=~/etc/korb.crt";
+        QTest::newRow("unknown options are passed over") << QStringList{"-zz=1", "-what", "-n", "x", "-p", "4000"} << "port=4000 device=127.0.0.1:3005";
+        // clang-format on
+    }
+
+    void parse()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(QString, expected);
+        const QString all = settled(KorbRdvOptions::parse(QStringList("relay") + arguments), m_tmp.path());
+        for (const QString &item : expected.split(' '))
+            QVERIFY2(all.contains(' ' + item + ' ') || all.startsWith(item + ' '),
+                     qPrintable(item + " not in " + all));
+    }
+
+    void processWideValues()
+    {
+        const int threshold = Korb::logThreshold;
+        const quint16 interval = Korb::sendIntervalMs;
+        KorbRdvOptions::parse({"relay", "-lt", "4", "-interval_ms=9"}).applyProcessWide();
+        const bool applied = Korb::logThreshold == 4 && Korb::sendIntervalMs == 9;
+        KorbRdvOptions::parse({"relay"}).applyProcessWide(); // nothing given, nothing changed
+        const bool kept = Korb::logThreshold == 4 && Korb::sendIntervalMs == 9;
+        Korb::logThreshold = threshold;
+        Korb::sendIntervalMs = interval;
+        QVERIFY(applied && kept);
+    }
+
+    void readmeListsEveryOption()
+    {
+        QFile readme(QStringLiteral(KORB_SOURCE_DIR "/README.md"));
+        QVERIFY(readme.open(QIODevice::ReadOnly));
+        const QString text = QString::fromUtf8(readme.readAll());
+        const int from = text.indexOf("## Running the relay");
+        const QString options = text.mid(from, text.indexOf("\n## ", from + 1) - from);
+        QVERIFY(from >= 0);
+        for (const KorbRdvOptions::Spec &spec : KorbRdvOptions::table()) {
+            if (spec.name) {
+                QVERIFY2(options.contains(QLatin1Char('`') + QLatin1String(spec.name)), spec.name);
+            } else {
+                const QStringList key = QString::fromLatin1(spec.iniKey).split('/');
+                QVERIFY2(text.contains('[' + key[0] + ']') && text.contains(key[1] + '='), spec.iniKey);
+            }
+        }
+    }
+
+private:
+    QTemporaryDir m_tmp;
+};
+
+QTEST_GUILESS_MAIN(tst_KorbRdvOptions)
+#include "tst_korb_rdv_options.moc"

@@ -198,11 +198,13 @@ private:
 
     void account(const RdvBlock &b, int index)
     {
-        GroupStats &g = m_groups[b.layout == RdvBlock::Single ? SingleFrameKey : int(b.group)];
+        using F = Rdv::Field;
+        const int group = int(b[F::Group]);
+        GroupStats &g = m_groups[b.single() ? SingleFrameKey : group];
         ++g.packets;
-        g.samples = b.sampleCount;
-        g.timeMs = b.timeMs;
-        g.rate = b.rate;
+        g.samples = b.sampleCount();
+        g.timeMs = b[F::TimeMs];
+        g.rate = b[F::Rate];
         for (const qint32 v : b.values) {
             g.haveValues = true;
             g.min = qMin(g.min, v);
@@ -210,13 +212,12 @@ private:
         }
         if (!m_csv.isOpen() || !b.hasPayload)
             return;
-        const QString layout =
-            b.layout == RdvBlock::Single ? QStringLiteral("single") : QStringLiteral("channel");
-        const QString group = b.layout == RdvBlock::Single ? QString() : QString::number(b.group);
-        const QString time = QString::number(b.timeMs, 'f', 0);
-        for (int s = 0; s < b.sampleCount; ++s)
-            m_csvOut << m_packets << ',' << index << ',' << layout << ',' << group << ',' << time << ',' << s
-                     << ',' << b.values.at(2 * s) << ',' << b.values.at(2 * s + 1) << '\n';
+        const QString layout = b.single() ? QStringLiteral("single") : QStringLiteral("channel");
+        const QString groupText = b.single() ? QString() : QString::number(group);
+        const QString time = QString::number(b[F::TimeMs], 'f', 0);
+        for (int s = 0; s < b.sampleCount(); ++s)
+            m_csvOut << m_packets << ',' << index << ',' << layout << ',' << groupText << ',' << time << ','
+                     << s << ',' << b.values.at(2 * s) << ',' << b.values.at(2 * s + 1) << '\n';
     }
 
     void connectFailed()

@@ -85,40 +85,97 @@ QByteArray datagram(quint32 seq, const QByteArray &body, int lengthDelta)
     return d + body;
 }
 
-QByteArray singlePacket(const QByteArray &f)
+QList<PacketFieldValue> packetFields(const QByteArray &f, bool channel)
 {
+    using V = PacketFieldValue;
     const char *p = f.constData();
-    const quint8 flags = quint8(p[16]);
+    const quint8 b16 = quint8(p[16]), nibbles = quint8(p[22]);
+    const double time = timeMs(p), rate = 1000.0 / double(at<quint32>(p, 12));
+    if (!channel)
+        return {{"frameType", V::I8, double(qint8(p[4]))},
+                {"flagBit1", V::I8, double(b16 >> 1 & 1)},
+                {"flagBit2", V::I8, double(b16 >> 2 & 1)},
+                {"flagBit3", V::I8, double(b16 >> 3 & 1)},
+                {"flagBit0", V::I8, double(b16 & 1)},
+                {"sampleCount", V::U16, double(at<quint16>(p, 17))},
+                {"word5", V::I16, double(at<qint16>(p, 5))},
+                {"word44", V::I16, double(at<qint16>(p, 44))},
+                {"word46", V::I16, double(at<qint16>(p, 46))},
+                {"intA", V::I32, double(at<qint32>(p, 36))},
+                {"intB", V::I32, double(at<qint32>(p, 52))},
+                {"timeMs", V::F64, time},
+                {"rate", V::F64, rate},
+                {"counterA", V::F64, double(at<quint64>(p, 20))},
+                {"counterB", V::F64, double(at<quint64>(p, 28))},
+                {"floatA", V::F64, double(at<float>(p, 40))}};
+    return {{"frameType", V::I8, double(qint8(p[4]))},
+            {"nibbleLow", V::I8, double(nibbles & 15)},
+            {"nibbleHigh", V::I8, double(nibbles >> 4)},
+            {"group", V::I8, double(qint8(p[16]))},
+            {"byte7", V::I8, double(qint8(p[7]))},
+            {"sampleCount", V::U16, double(at<quint16>(p, 17))},
+            {"word5", V::I16, double(at<qint16>(p, 5))},
+            {"word20", V::I16, double(at<qint16>(p, 20))},
+            {"intA", V::I32, double(at<qint32>(p, 40))},
+            {"intB", V::I32, double(at<qint32>(p, 52))},
+            {"timeMs", V::F64, time},
+            {"rate", V::F64, rate},
+            {"counterA", V::F64, double(at<quint64>(p, 24))},
+            {"counterB", V::F64, double(at<quint64>(p, 32))},
+            {"floatA", V::F64, double(at<float>(p, 44))},
+            {"floatB", V::F64, double(at<float>(p, 48))}};
+}
+
+QList<qint32> sampleValues(const QByteArray &f, bool channel)
+{
+    QList<qint32> values;
+    const QByteArray samples = payload(f, channel ? 1 : 2, channel ? 4 : 8);
+    for (int i = 0; i < samples.size(); i += channel ? 2 : 4)
+        values << (channel ? at<qint16>(samples.constData(), i) : at<qint32>(samples.constData(), i));
+    return values;
+}
+
+namespace {
+// One block: the length word, the layout's fixed words, the fields, the samples.
+QByteArray block(const QByteArray &f, bool channel)
+{
     QByteArray out = packed([&](QDataStream &s) {
-        s << quint16(0) << qint16(5) << qint16(4) << qint16(2) << qint16(5) << qint8(p[4])
-          << qint8(flags >> 1 & 1) << qint8(flags >> 2 & 1) << qint8(flags >> 3 & 1) << qint8(flags & 1)
-          << at<quint16>(p, 17) << at<qint16>(p, 5) << at<qint16>(p, 44) << at<qint16>(p, 46)
-          << at<qint32>(p, 36) << at<qint32>(p, 52) << timeMs(p) << 1000.0 / double(at<quint32>(p, 12))
-          << double(at<quint64>(p, 20)) << double(at<quint64>(p, 28)) << double(at<float>(p, 40));
+        s << quint16(0) << qint16(5) << qint16(channel ? 3 : 4) << qint16(2) << qint16(channel ? 6 : 5);
+        for (const PacketFieldValue &v : packetFields(f, channel)) {
+            switch (v.type) {
+            case PacketFieldValue::I8:
+                s << qint8(v.value);
+                break;
+            case PacketFieldValue::I16:
+                s << qint16(v.value);
+                break;
+            case PacketFieldValue::U16:
+                s << quint16(v.value);
+                break;
+            case PacketFieldValue::I32:
+                s << qint32(v.value);
+                break;
+            case PacketFieldValue::F64:
+                s << v.value;
+            }
+        }
     });
-    out += payload(f, 2, 8);
+    out += payload(f, channel ? 1 : 2, channel ? 4 : 8);
     qToLittleEndian<quint16>(quint16(out.size()), out.data());
     return out;
+}
+} // namespace
+
+QByteArray singlePacket(const QByteArray &f)
+{
+    return block(f, false);
 }
 
 QByteArray channelPacket(const QByteArrayList &frames)
 {
     QByteArray out;
-    for (const QByteArray &f : frames) {
-        const char *p = f.constData();
-        const quint8 nibbles = quint8(p[22]);
-        QByteArray block = packed([&](QDataStream &s) {
-            s << quint16(0) << qint16(5) << qint16(3) << qint16(2) << qint16(6) << qint8(p[4])
-              << qint8(nibbles & 15) << qint8(nibbles >> 4) << qint8(p[16]) << qint8(p[7])
-              << at<quint16>(p, 17) << at<qint16>(p, 5) << at<qint16>(p, 20) << at<qint32>(p, 40)
-              << at<qint32>(p, 52) << timeMs(p) << 1000.0 / double(at<quint32>(p, 12))
-              << double(at<quint64>(p, 24)) << double(at<quint64>(p, 32)) << double(at<float>(p, 44))
-              << double(at<float>(p, 48));
-        });
-        block += payload(f, 1, 4);
-        qToLittleEndian<quint16>(quint16(block.size()), block.data());
-        out += block;
-    }
+    for (const QByteArray &f : frames)
+        out += block(f, true);
     return out;
 }
 

@@ -48,7 +48,7 @@ void KorbRdvTlsListener::admit(KorbRdvClientLink *link)
     auto *socket = static_cast<KorbRdvTlsSocket *>(link);
     socket->setSslConfiguration(m_configuration);
     // At once: the client's upgrade request may follow in the same read.
-    connect(socket, &QSslSocket::encrypted, this, [this, socket] { emit accepted(socket); });
+    connect(socket, &QSslSocket::encrypted, this, [this, socket] { awaitRequest(socket); });
     connect(socket, &QAbstractSocket::errorOccurred, this, [this, socket] {
         if (!socket->upgraded())
             fail(socket, socket->errorString());

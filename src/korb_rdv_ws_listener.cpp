@@ -2,7 +2,9 @@
 
 #include "logger/korb_log.h"
 #include "src/korb_rdv_client_socket.h"
+#include "src/korb_rdv_http.h"
 
+#include <QTimer>
 #include <QWebSocket>
 
 #include <unistd.h>
@@ -19,7 +21,61 @@ KorbRdvClientLink *KorbRdvWsListener::newLink(qint64 replyBound)
 
 void KorbRdvWsListener::admit(KorbRdvClientLink *link)
 {
-    emit accepted(link);
+    awaitRequest(link);
+}
+
+void KorbRdvWsListener::awaitRequest(KorbRdvClientLink *link)
+{
+    QTcpSocket *const socket = link->socket();
+    m_awaiting.insert(socket);
+    connect(socket, &QObject::destroyed, this, [this, socket] { m_awaiting.remove(socket); });
+    connect(socket, &QIODevice::readyRead, this, [this, link] { examine(link); });
+    QTimer::singleShot(RequestTimeoutMs, socket, [this, socket] {
+        if (m_awaiting.contains(socket))
+            refuse(socket, 0, tr("запрос не получен за %1 мс").arg(RequestTimeoutMs));
+    });
+    examine(link); // the bytes may be here already
+}
+
+void KorbRdvWsListener::examine(KorbRdvClientLink *link)
+{
+    QTcpSocket *const socket = link->socket();
+    if (!m_awaiting.contains(socket))
+        return;
+    KorbRdvHttpRequest head;
+    const auto verdict = KorbRdvHttpRequest::parse(socket->peek(KorbRdvHttpRequest::MaxHeadSize), &head);
+    if (verdict == KorbRdvHttpRequest::Incomplete)
+        return;
+    m_awaiting.remove(socket);
+    disconnect(socket, &QIODevice::readyRead, this, nullptr);
+    if (verdict != KorbRdvHttpRequest::Complete)
+        refuse(socket, verdict, QString::fromLatin1(Korb::httpReason(verdict)));
+    else
+        emit request(link, head);
+}
+
+void KorbRdvWsListener::refuse(QTcpSocket *socket, int status, const QString &why)
+{
+    // The peer's port is left out, so that one client's retries fold into one line.
+    KLOGF(parent(), 1, tr("запрос с %1 отклонён: %2").arg(socket->peerAddress().toString(), why));
+    m_awaiting.remove(socket);
+    if (status) {
+        respond(socket, Korb::httpResponse(status));
+    } else {
+        socket->abort();
+        socket->deleteLater();
+    }
+}
+
+void KorbRdvWsListener::respond(QTcpSocket *socket, const QByteArray &response)
+{
+    socket->write(response);
+    connect(socket, &QAbstractSocket::disconnected, socket, &QObject::deleteLater);
+    socket->disconnectFromHost();
+    QTimer::singleShot(ResponseGraceMs, socket, [socket] {
+        socket->abort();
+        socket->deleteLater();
+    });
 }
 
 void KorbRdvWsListener::incomingConnection(qintptr descriptor)

@@ -3,6 +3,7 @@
 #include "logger/korb_log.h"
 #include "src/korb_rdv_client_link.h"
 #include "src/korb_rdv_command.h"
+#include "src/korb_rdv_http.h"
 #include "src/korb_rdv_packet.h"
 #include "src/korb_rdv_settings.h"
 #include "src/korb_rdv_ws_client.h"
@@ -40,6 +41,7 @@ WebSocketServer::WebSocketServer(QObject *parent, quint16 port)
       m_fanOut(new KorbRdvFanOut(this, m_clients))
 {
     addListener(m_listener);
+    setHandshakeTimeout(KorbRdvWsListener::RequestTimeoutMs);
     connect(this, &QWebSocketServer::newConnection, this, &WebSocketServer::onNewConnection);
     connect(m_fanOut, &KorbRdvFanOut::overQueued, this, &WebSocketServer::cutOff);
     connect(m_fanOut, &KorbRdvFanOut::sent, this, &WebSocketServer::binaryBroadcast);
@@ -89,8 +91,15 @@ void WebSocketServer::addListener(KorbRdvWsListener *listener)
     listener->setParent(this);
     m_listeners.append(listener);
     listener->setMaxHandshakes(m_maxClients);
-    connect(listener, &KorbRdvWsListener::accepted, this,
-            [this](KorbRdvClientLink *link) { handleConnection(link->socket()); });
+    connect(listener, &KorbRdvWsListener::request, this, &WebSocketServer::onRequest);
+}
+
+void WebSocketServer::onRequest(KorbRdvClientLink *link, const KorbRdvHttpRequest &request)
+{
+    if (request.isWebSocketUpgrade())
+        handleConnection(link->socket());
+    else
+        KorbRdvWsListener::respond(link->socket(), Korb::httpResponse(404));
 }
 
 void WebSocketServer::setMaxClients(int clients)

@@ -120,6 +120,8 @@ public slots:
     void onDisconnected();
 
 private:
+    // A connection's first request: the upgrade goes to the WebSocket handshake.
+    void onRequest(KorbRdvClientLink *link, const KorbRdvHttpRequest &request);
     // The player follows the consumers: `first` when one has just come to none.
     void follow(bool first);
     void dropFromTable(QWebSocket *socket);

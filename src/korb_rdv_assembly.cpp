@@ -22,6 +22,7 @@ bool KorbRdvAssembly::openPorts()
 {
     m_server = new WebSocketServer(m_owner, m_options.port);
     m_server->setMaxClients(m_options.maxClients);
+    m_server->setAccess(KorbRdvAccess::fromSettings(m_options.origins, m_options.tokenFile));
     m_playback = new KorbRdvPlayback(m_server, m_server);
     m_server->setPlayer(m_playback);
     if (!m_server->start(m_options.port)) {

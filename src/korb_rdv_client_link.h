@@ -31,6 +31,10 @@ public:
     // the client is behind.
     qint64 behindSince() const { return m_behindSince; }
 
+    // Whether the client may send commands, as its request settled it.
+    bool mayCommand() const { return m_mayCommand; }
+    void setMayCommand(bool on) { m_mayCommand = on; }
+
     // While `context` lives: `drained` each time the queue has emptied, and
     // `overBound`, queued (the bound is found in the middle of a write of the
     // WebSocket layer), once writes other than packets pass the reply bound.
@@ -58,6 +62,7 @@ private:
     qint64 m_behindSince = -1;
     bool m_writingPacket = false;
     bool m_overBound = false;
+    bool m_mayCommand = true;
     QPointer<QObject> m_context;
     std::function<void()> m_drained;
     std::function<void()> m_overBoundCall;

@@ -43,3 +43,10 @@ RdvClientCommand RdvClientCommand::parse(const QString &message)
     c.reply = QStringLiteral("%1 %2").arg(message, QStringLiteral("OK"));
     return c;
 }
+
+RdvClientCommand RdvClientCommand::denied(const QString &message)
+{
+    RdvClientCommand c;
+    c.reply = QStringLiteral("%1 %2").arg(message, QStringLiteral("DENIED"));
+    return c;
+}

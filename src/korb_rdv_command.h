@@ -20,4 +20,6 @@ struct RdvClientCommand
     quint16 intervalMs = 0;
 
     static RdvClientCommand parse(const QString &message);
+    // What a client that may not steer the relay is answered instead.
+    static RdvClientCommand denied(const QString &message);
 };

@@ -195,6 +195,13 @@ const QVector<KorbRdvOptions::Spec> &KorbRdvOptions::table()
          "configuration file; a relative name is taken in ../etc", takeConfigFile},
         {"-nofile", Form::Flag, nullptr, "", "", "read no configuration file",
          [](Options &o, const QString &) { o.noFile = true; return true; }},
+        {"-origins=", Form::Attached, "access/origins", "LIST", "none",
+         "web pages (origins such as `https://portal.plant.lan`, comma-separated, or `*`) allowed to connect "
+         "besides the relay's own and pages opened from disk",
+         [](Options &o, const QString &v) { o.origins = v; return true; }},
+        {nullptr, Form::File, "access/tokens", "FILE", QLatin1String(Korb::DefaultTokenFile),
+         "the operators' tokens, one a line; when the file exists, only their holders may send commands",
+         [](Options &o, const QString &v) { o.tokenFile = v; return true; }},
         {nullptr, Form::File, "tls/certificate", "FILE", QLatin1String(Korb::DefaultTlsCertificate),
          "the TLS port's certificate chain (PEM)",
          [](Options &o, const QString &v) { o.tlsCertificate = v; return true; }},
@@ -242,6 +249,8 @@ KorbRdvOptions KorbRdvOptions::parse(const QStringList &args)
     o.tlsCertificate = Korb::getAbsPath(
         o.tlsCertificate.isEmpty() ? QLatin1String(Korb::DefaultTlsCertificate) : o.tlsCertificate);
     o.tlsKey = Korb::getAbsPath(o.tlsKey.isEmpty() ? QLatin1String(Korb::DefaultTlsKey) : o.tlsKey);
+    o.tokenFile =
+        Korb::getAbsPath(o.tokenFile.isEmpty() ? QLatin1String(Korb::DefaultTokenFile) : o.tokenFile);
     return o;
 }
 

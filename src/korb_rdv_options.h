@@ -73,6 +73,8 @@ struct KorbRdvOptions
     QByteArray terminalCodec;       // empty: the default
     QString tlsCertificate;         // absolute
     QString tlsKey;                 // absolute
+    QString origins;                // pages allowed to connect besides the relay's own: a list, or "*"
+    QString tokenFile;              // absolute; when it exists, only its tokens' holders may steer
 
     // Names (or INI keys) of the options the command line gave.
     QSet<QString> given;

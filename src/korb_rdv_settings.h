@@ -18,6 +18,8 @@ constexpr int DefaultMaxFileSize = 67108864; // largest replay file and the char
 // The TLS port's certificate and key, beside the program like every relative path.
 constexpr const char *DefaultTlsCertificate = "../etc/korb.crt";
 constexpr const char *DefaultTlsKey = "../etc/korb.key";
+// The operators' tokens; access control is on when the file exists.
+constexpr const char *DefaultTokenFile = "../etc/korb.tokens";
 extern const char *const DefaultDeviceAddress; // the device when -addr= is absent: 127.0.0.1
 
 // Send interval in milliseconds: -interval_ms= and the client command "ims".

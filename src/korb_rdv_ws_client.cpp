@@ -19,6 +19,11 @@ bool KorbRdvWsClient::isConnected() const
     return m_link->socket()->state() == QAbstractSocket::ConnectedState;
 }
 
+bool KorbRdvWsClient::mayCommand() const
+{
+    return m_link->mayCommand();
+}
+
 qint64 KorbRdvWsClient::queuedBytes() const
 {
     return m_link->bytesToWrite();

@@ -34,6 +34,8 @@ public:
     qint64 behindSince() const;
     // Packets that waited for this client and gave way to a newer one.
     qint64 replaced() const { return m_replaced; }
+    // An operator may steer the relay; a viewer only receives.
+    bool mayCommand() const;
 
     // Hands packet number `seq` over: written at once while the socket is
     // idle, else it waits, replacing the one waiting. True when it replaced one.

@@ -96,10 +96,25 @@ void WebSocketServer::addListener(KorbRdvWsListener *listener)
 
 void WebSocketServer::onRequest(KorbRdvClientLink *link, const KorbRdvHttpRequest &request)
 {
-    if (request.isWebSocketUpgrade())
-        handleConnection(link->socket());
-    else
-        KorbRdvWsListener::respond(link->socket(), Korb::httpResponse(404));
+    QTcpSocket *const socket = link->socket();
+    if (!request.isWebSocketUpgrade()) {
+        KorbRdvWsListener::respond(socket, Korb::httpResponse(404));
+        return;
+    }
+    if (!m_access.originAllowed(request)) {
+        KLOGF(this, 1,
+              tr("WebSocket с %1 отклонён: страница %2 не из разрешённых источников (-origins=)")
+                  .arg(socket->peerAddress().toString(), QString::fromLatin1(request.header("origin"))));
+        KorbRdvWsListener::respond(socket, Korb::httpResponse(403));
+        return;
+    }
+    link->setMayCommand(m_access.roleOf(request) == KorbRdvAccess::Operator);
+    KLOG(this, 2,
+         tr("клиент %1:%2 %3: %4")
+             .arg(socket->peerAddress().toString())
+             .arg(socket->peerPort())
+             .arg(request.loggedTarget(), link->mayCommand() ? tr("оператор") : tr("зритель")));
+    handleConnection(socket);
 }
 
 void WebSocketServer::setMaxClients(int clients)
@@ -145,7 +160,7 @@ void WebSocketServer::onNewConnection()
     m_clients.insert(socket, client);
     emit connected(socket);
     KTRACE << "client" << client->descriptor() << socket->peerAddress().toString() << socket->peerPort()
-           << "clients:" << m_clients.size();
+           << (client->mayCommand() ? "operator" : "viewer") << "clients:" << m_clients.size();
     // A first listener hears the recording from its start.
     follow(consumerCount() == 1);
 }
@@ -268,7 +283,11 @@ void WebSocketServer::onReadyReadT(const QString &message)
     KorbRdvWsClient *client = clientOf(QObject::sender());
     if (!client)
         return;
-    const RdvClientCommand command = RdvClientCommand::parse(message);
+    RdvClientCommand command = RdvClientCommand::parse(message);
+    if (command.action != RdvClientCommand::Refuse && !client->mayCommand()) {
+        KLOGF(this, 1, tr("клиент %1 - зритель: команды не принимаются").arg(client->descriptor()));
+        command = RdvClientCommand::denied(message);
+    }
     // One client's flood of commands costs about a console line a second.
     const int held = message.isEmpty() ? -1 : client->admitLine();
     if (!message.isEmpty())

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "src/korb_rdv_access.h"
 #include "src/korb_rdv_fanout.h"
 #include "src/korb_rdv_player.h"
 #include "src/korb_rdv_settings.h"
@@ -89,6 +90,8 @@ public:
     void holdPackets() override { m_fanOut->hold(); }
     void releasePackets(bool newestOnly) override { m_fanOut->release(newestOnly); }
 
+    // Who may connect and who may steer; without it, everyone may.
+    void setAccess(const KorbRdvAccess &access) { m_access = access; }
     // What replays a recording; without one, setFileNm loads nothing.
     void setPlayer(KorbRdvPlayer *player) { m_player = player; }
     // Loads a recording for playback (the player's load rules).
@@ -143,4 +146,5 @@ private:
     QMap<QWebSocket *, KorbRdvWsClient *> m_clients;
     KorbRdvFanOut *m_fanOut;
     KorbRdvPlayer *m_player = nullptr;
+    KorbRdvAccess m_access;
 };

@@ -1,6 +1,6 @@
 // korb_rdv_client: watches the packets of a relay from the command line.
 //
-//   korb_rdv_client [ws://HOST:PORT] [--cmd TEXT]... [--count N] [--csv FILE] [--timeout S]
+//   korb_rdv_client [ws://HOST:PORT] [--token T] [--cmd TEXT]... [--count N] [--csv FILE] [--timeout S]
 //
 // Prints one summary line per second for every group that sent data, the
 // replies to the commands it sent, and every malformed packet with the byte
@@ -14,6 +14,7 @@
 #include <QDateTime>
 #include <QFile>
 #include <QMap>
+#include <QNetworkRequest>
 #include <QTextStream>
 #include <QTimer>
 #include <QUrl>
@@ -35,6 +36,7 @@ struct ClientOptions
 {
     QUrl url;
     QStringList commands;
+    QByteArray token;  // an operator's token: sent in the Authorization header, never in the URL
     qint64 count = -1; // stop after this many packets; -1 runs until stopped
     QString csvPath;
     int timeoutSec = 0; // 0: no time limit
@@ -90,7 +92,10 @@ public:
                 finish(2);
             });
         std::printf("connecting to %s\n", qPrintable(m_options.url.toString()));
-        m_socket->open(m_options.url);
+        QNetworkRequest request(m_options.url);
+        if (!m_options.token.isEmpty())
+            request.setRawHeader("Authorization", "Bearer " + m_options.token);
+        m_socket->open(request);
         return true;
     }
 
@@ -287,7 +292,11 @@ int main(int argc, char *argv[])
     const QCommandLineOption timeoutOpt(QStringLiteral("timeout"),
                                         QStringLiteral("Give up after S seconds (exit status 2)."),
                                         QStringLiteral("S"));
-    parser.addOptions({cmdOpt, countOpt, csvOpt, timeoutOpt});
+    const QCommandLineOption tokenOpt(QStringLiteral("token"),
+                                      QStringLiteral("An operator's token: where the relay has a token "
+                                                     "file, \"ims:\", \"csv:\" and \"buf:\" need one."),
+                                      QStringLiteral("T"));
+    parser.addOptions({cmdOpt, countOpt, csvOpt, timeoutOpt, tokenOpt});
     parser.process(app);
 
     ClientOptions options;
@@ -303,6 +312,7 @@ int main(int argc, char *argv[])
         return 1;
     }
     options.commands = parser.values(cmdOpt);
+    options.token = parser.value(tokenOpt).toUtf8();
     options.csvPath = parser.value(csvOpt);
     bool ok = true;
     if (parser.isSet(countOpt)) {

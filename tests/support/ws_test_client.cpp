@@ -53,13 +53,24 @@ bool rawHandshake(QTcpSocket &socket, quint16 port)
 
 bool rawUpgrade(QTcpSocket &socket)
 {
-    socket.write("GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
-                 "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n\r\n");
-    if (!QTest::qWaitFor([&] { return socket.peek(4096).contains("\r\n\r\n"); }, 5000))
-        return false;
-    const QByteArray head = socket.peek(4096);
-    socket.read(head.indexOf("\r\n\r\n") + 4);
-    return head.startsWith("HTTP/1.1 101");
+    return rawRequest(socket, "/", {"Host: 127.0.0.1"}, true).startsWith("HTTP/1.1 101");
+}
+
+QByteArray rawRequest(QTcpSocket &socket, const QByteArray &target, const QByteArrayList &fields,
+                      bool upgrade)
+{
+    QByteArrayList lines{"GET " + target + " HTTP/1.1"};
+    lines += fields;
+    if (upgrade)
+        lines << "Upgrade: websocket"
+              << "Connection: Upgrade"
+              << "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ=="
+              << "Sec-WebSocket-Version: 13";
+    socket.write(lines.join("\r\n") + "\r\n\r\n");
+    if (!QTest::qWaitFor([&] { return socket.peek(16384).contains("\r\n\r\n"); }, 5000))
+        return QByteArray();
+    const QByteArray head = socket.peek(16384);
+    return socket.read(head.indexOf("\r\n\r\n") + 4);
 }
 
 QByteArray clientTextFrame(const QByteArray &payload)

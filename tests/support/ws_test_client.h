@@ -34,6 +34,11 @@ bool rawHandshake(QTcpSocket &socket, quint16 port);
 // The handshake by hand on a socket that is connecting or connected
 // (encrypting, for TLS).
 bool rawUpgrade(QTcpSocket &socket);
+// A request by hand: "GET `target`" with the header `fields` ("Name: value"),
+// and the WebSocket handshake's own with `upgrade`. The response head up to
+// its blank line, taken off the socket; empty when none came in 5 s.
+QByteArray rawRequest(QTcpSocket &socket, const QByteArray &target, const QByteArrayList &fields,
+                      bool upgrade);
 // A masked text frame (a zero key: the payload stays as it is).
 QByteArray clientTextFrame(const QByteArray &payload);
 // Reads a raw client until the server's close frame: its code, or -1.

@@ -37,6 +37,8 @@ public:
 
     // Hands packet number `seq` over: written at once while the socket is
     // idle, else it waits, replacing the one waiting. True when it replaced one.
+    // A write that finds the connection broken deletes this client (the
+    // server drops it from the table): nothing of it is used after a write.
     bool give(const QByteArray &frame, quint64 seq);
     // The packets up to `seq` are not for this client (it is not connected).
     void skipTo(quint64 seq) { m_seq = seq; }

@@ -14,8 +14,16 @@ qint64 KorbRdvTlsSocket::bytesToWrite() const
     return QSslSocket::bytesToWrite() + encryptedBytesToWrite();
 }
 
+void KorbRdvTlsSocket::close()
+{
+    if (!lingerInsteadOfClosing())
+        QSslSocket::close();
+}
+
 qint64 KorbRdvTlsSocket::writeData(const char *data, qint64 size)
 {
+    if (closing())
+        return size; // nothing follows the close frame
     if (!m_upgraded)
         m_upgraded = QByteArray::fromRawData(data, int(qMin<qint64>(size, 16))).startsWith("HTTP/1.1 101 ");
     noteWaiting();

@@ -30,6 +30,9 @@ public:
     // is that answer.
     bool upgraded() const { return m_upgraded; }
 
+    // After a close frame: lingers (see KorbRdvClientLink).
+    void close() override;
+
 protected:
     qint64 writeData(const char *data, qint64 size) override;
 

@@ -18,7 +18,7 @@ KorbRdvWsClient::KorbRdvWsClient(QObject *parent, QWebSocket *socket, KorbRdvCli
 
 bool KorbRdvWsClient::isConnected() const
 {
-    return m_link->socket()->state() == QAbstractSocket::ConnectedState;
+    return m_link->socket()->state() == QAbstractSocket::ConnectedState && !m_link->closing();
 }
 
 qint64 KorbRdvWsClient::queuedBytes() const

@@ -28,6 +28,7 @@ public:
     quint64 descriptor() const { return quint64(quintptr(m_socket)); }
     // The newest packet handed over, written or waiting.
     quint64 seq() const { return m_seq; }
+    // Connected and not being closed: it takes packets.
     bool isConnected() const;
     // Bytes waiting in the relay for this client, and since when (-1: none).
     qint64 queuedBytes() const;

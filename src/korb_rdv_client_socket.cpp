@@ -19,8 +19,17 @@ void KorbRdvClientSocket::disconnectFromHost()
     QTcpSocket::disconnectFromHost();
 }
 
+void KorbRdvClientSocket::close()
+{
+    sendGathered();
+    if (!lingerInsteadOfClosing())
+        QTcpSocket::close();
+}
+
 qint64 KorbRdvClientSocket::writeData(const char *data, qint64 size)
 {
+    if (closing())
+        return size; // nothing follows the close frame
     // Gathering is only for bytes that would go to the kernel at once; once
     // something is queued, everything queues behind it.
     if (!writingPacket() && QTcpSocket::bytesToWrite() == 0 && state() == ConnectedState) {

@@ -29,6 +29,8 @@ public:
 
     // Sends what has gathered first, so that nothing is lost or reordered.
     void disconnectFromHost() override;
+    // After a close frame: lingers (see KorbRdvClientLink).
+    void close() override;
 
 protected:
     qint64 writeData(const char *data, qint64 size) override;

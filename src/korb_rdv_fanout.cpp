@@ -4,6 +4,7 @@
 #include "src/korb_rdv_ws_client.h"
 
 #include <QElapsedTimer>
+#include <QPointer>
 #include <QVector>
 
 #include <algorithm>
@@ -107,11 +108,14 @@ void KorbRdvFanOut::handOut(KorbRdvWsClient *client)
         client->skipTo(m_packetSeq);
         return;
     }
+    // A write that finds the connection broken drops the client from the
+    // table on the spot (a TLS write reaches the kernel at once).
+    const QPointer<KorbRdvWsClient> alive(client);
     // The packet of the pass first, so that no client misses it for coming
     // late in the table; then a newer one that came during the pass.
     if (client->seq() < m_passSeq)
         m_replacedPackets += client->give(m_passFrame, m_passSeq);
-    if (client->seq() < m_packetSeq)
+    if (alive && client->seq() < m_packetSeq)
         m_replacedPackets += client->give(m_packetFrame, m_packetSeq);
 }
 

@@ -14,8 +14,16 @@ qint64 KorbRdvTlsSocket::bytesToWrite() const
     return QSslSocket::bytesToWrite() + encryptedBytesToWrite();
 }
 
+void KorbRdvTlsSocket::close()
+{
+    if (!lingerInsteadOfClosing())
+        QSslSocket::close();
+}
+
 qint64 KorbRdvTlsSocket::writeData(const char *data, qint64 size)
 {
+    if (closing())
+        return size; // nothing follows the close frame
     if (!m_upgraded)
         m_upgraded = QByteArray::fromRawData(data, int(qMin<qint64>(size, 16))).startsWith("HTTP/1.1 101 ");
     noteWaiting();
@@ -23,7 +31,14 @@ qint64 KorbRdvTlsSocket::writeData(const char *data, qint64 size)
     // as long as the kernel has taken every encrypted byte before them, as
     // on the plain port; behind bytes the kernel refused, they count against
     // the bound.
-    if (!writingPacket() && encryptedBytesToWrite() > 0)
-        countReply(size);
-    return QSslSocket::writeData(data, size);
+    if (!writingPacket()) {
+        if (encryptedBytesToWrite() > 0)
+            countReply(size);
+        return QSslSocket::writeData(data, size);
+    }
+    // A packet is written only while nothing waits: what the kernel does not
+    // take now makes the client busy, as on the plain port.
+    const qint64 written = QSslSocket::writeData(data, size);
+    flush();
+    return written;
 }

@@ -7,6 +7,8 @@
 
 #include <QWebSocket>
 
+#include <utility>
+
 KorbRdvWsClient::KorbRdvWsClient(QObject *parent, QWebSocket *socket, KorbRdvClientLink *link, quint64 seq)
     : QObject(parent), m_socket(socket), m_link(link), m_seq(seq)
 {
@@ -16,7 +18,7 @@ KorbRdvWsClient::KorbRdvWsClient(QObject *parent, QWebSocket *socket, KorbRdvCli
 
 bool KorbRdvWsClient::isConnected() const
 {
-    return m_link->socket()->state() == QAbstractSocket::ConnectedState;
+    return m_link->socket()->state() == QAbstractSocket::ConnectedState && !m_link->closing();
 }
 
 bool KorbRdvWsClient::mayCommand() const
@@ -60,8 +62,9 @@ void KorbRdvWsClient::writeWaiting()
 {
     if (m_waiting.isEmpty() || !m_link->idle() || !isConnected())
         return;
-    m_link->writePacket(m_waiting);
-    m_waiting.clear();
+    // Taken before the write: a broken connection may drop this client
+    // from the table, and delete it, during the write.
+    m_link->writePacket(std::exchange(m_waiting, QByteArray()));
 }
 
 void KorbRdvWsClient::onDrained()

@@ -28,6 +28,7 @@ public:
     quint64 descriptor() const { return quint64(quintptr(m_socket)); }
     // The newest packet handed over, written or waiting.
     quint64 seq() const { return m_seq; }
+    // Connected and not being closed: it takes packets.
     bool isConnected() const;
     // Bytes waiting in the relay for this client, and since when (-1: none).
     qint64 queuedBytes() const;
@@ -39,6 +40,8 @@ public:
 
     // Hands packet number `seq` over: written at once while the socket is
     // idle, else it waits, replacing the one waiting. True when it replaced one.
+    // A write that finds the connection broken deletes this client (the
+    // server drops it from the table): nothing of it is used after a write.
     bool give(const QByteArray &frame, quint64 seq);
     // The packets up to `seq` are not for this client (it is not connected).
     void skipTo(quint64 seq) { m_seq = seq; }

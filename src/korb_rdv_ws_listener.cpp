@@ -110,7 +110,9 @@ KorbRdvClientLink *KorbRdvWsListener::takeHandshake(const QWebSocket *socket)
         if (tcp && tcp->peerPort() == socket->peerPort() && tcp->localPort() == socket->localPort() &&
             tcp->peerAddress() == socket->peerAddress()) {
             m_handshakes.removeAt(i);
-            return dynamic_cast<KorbRdvClientLink *>(tcp);
+            KorbRdvClientLink *link = dynamic_cast<KorbRdvClientLink *>(tcp);
+            link->lingerAfterCloseFrame(socket);
+            return link;
         }
     }
     return nullptr;

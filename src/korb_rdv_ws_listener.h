@@ -38,7 +38,8 @@ public:
     // Connections still in the handshake, at most: more are refused.
     void setMaxHandshakes(int connections) { m_maxHandshakes = connections; }
     // The connection under a WebSocket whose handshake has completed, null
-    // when it is not one of this listener's.
+    // when it is not one of this listener's; from then on it closes
+    // lingering after the WebSocket's close frame.
     KorbRdvClientLink *takeHandshake(const QWebSocket *socket);
     // Writes a whole response and closes the connection once it has left.
     static void respond(QTcpSocket *socket, const QByteArray &response);

@@ -9,18 +9,10 @@
 #include "src/korb_rdv_ws_client.h"
 
 #include <QCoreApplication>
-#include <QTimer>
 
 int WebSocketServer::s_broadcastCount = 0;
 
 namespace {
-// Closes with a reason; one that does not read it in time is cut off.
-void dismiss(QWebSocket *socket, QWebSocketProtocol::CloseCode code, const QString &reason)
-{
-    socket->close(code, reason);
-    QTimer::singleShot(WebSocketServer::CloseGraceMs, socket, &QWebSocket::abort);
-}
-
 // Whether a value can be sent: text or bytes; anything else is reported.
 bool sendable(const QObject *server, const QVariant &data)
 {
@@ -146,7 +138,8 @@ void WebSocketServer::onNewConnection()
     if (!link || m_clients.size() >= m_maxClients) {
         KLOGF(this, 1, tr("клиент отклонён: подключено предельное число клиентов (%1)").arg(m_maxClients));
         connect(socket, &QWebSocket::disconnected, socket, &QObject::deleteLater);
-        dismiss(socket, CloseCodeTryAgainLater, QStringLiteral("too many clients"));
+        // Closing lingers until the client has the close frame (see KorbRdvClientLink).
+        socket->close(CloseCodeTryAgainLater, QStringLiteral("too many clients"));
         return;
     }
     socket->setMaxAllowedIncomingMessageSize(MaxClientMessageSize);
@@ -210,7 +203,7 @@ void WebSocketServer::onRepliesUnread(KorbRdvWsClient *client)
               .arg(MaxClientReplyBacklog));
     QWebSocket *const socket = client->socket();
     dropFromTable(socket);
-    dismiss(socket, QWebSocketProtocol::CloseCodePolicyViolated, QStringLiteral("replies not read"));
+    socket->close(QWebSocketProtocol::CloseCodePolicyViolated, QStringLiteral("replies not read"));
 }
 
 void WebSocketServer::cutOff(KorbRdvWsClient *client)

@@ -39,9 +39,6 @@ public:
     static constexpr qint64 MaxClientReplyBacklog = 64 * 1024;
     // "Try Again Later" of the WebSocket close code registry; Qt 5 has no name for it.
     static constexpr auto CloseCodeTryAgainLater = QWebSocketProtocol::CloseCode(1013);
-    // A client told why it is closed gets this long to read it before its
-    // connection is cut.
-    static constexpr int CloseGraceMs = 2000;
     // Characters of a client's message shown in its console line.
     static constexpr int TracedMessageChars = 200;
 

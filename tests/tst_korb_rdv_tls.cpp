@@ -1,7 +1,9 @@
-// The TLS port beside the plain one: the same packets and replies over wss://
-// as over ws://; bad files refused with one line naming the file and why, bad
-// and stalled handshakes dropped with a folded line, and both ports serve on;
-// a TLS client that stops reading holds about one packet, encrypted or not.
+// The TLS port beside the plain one: the same packets (a burst in one turn
+// included) and replies over wss:// as over ws://; bad files refused with one
+// line naming the file and why, bad and stalled handshakes dropped with a
+// folded line, and both ports serve on; a TLS client that stops reading holds
+// about one packet, encrypted or not; one that has reset leaves the table as
+// a packet's write finds it.
 #include "logger/korb_logger_light.h"
 #include "src/korb_env.h"
 #include "src/korb_rdv_options.h"
@@ -13,6 +15,7 @@
 
 #include <QStandardPaths>
 #include <QtTest>
+#include <sys/socket.h>
 
 using namespace RdvTest;
 
@@ -120,14 +123,41 @@ private slots:
             connectClient(m_server, &scope),
             connectClient(m_server, &scope, QStringLiteral("wss://127.0.0.1:%1").arg(m_tlsPort), trusting)};
         QVERIFY(both.at(0) && both.at(1));
-        const QByteArray device = frame(single(100));
         for (WsTestClient *c : both) {
             c->socket.sendTextMessage("ims:20");
             QTRY_COMPARE(c->texts, QStringList{"ims:20 OK"});
         }
-        m_server.sendRdv(reinterpret_cast<const RdvFrame *>(device.constData()));
+        // A burst in one turn, as a device's frames that came in one read:
+        // clients that keep up get the same packets, whichever port they use.
+        QByteArray device;
+        for (int ms = 1000; ms <= 1750; ms += 150) {
+            device = frame(single(ms, 1000));
+            m_server.sendRdv(reinterpret_cast<const RdvFrame *>(device.constData()));
+        }
         for (WsTestClient *c : both)
-            QTRY_COMPARE(c->binaries, QByteArrayList{singlePacket(device)});
+            QTRY_VERIFY(!c->binaries.isEmpty() && c->binaries.last() == singlePacket(device));
+        QCOMPARE(both.at(1)->binaries, both.at(0)->binaries);
+    }
+
+    // A client gone with a reset the relay has not yet seen: the packet's
+    // write finds it, and it leaves the table while the packet is handed out.
+    void resetSecureClientLeavesDuringTheWrite()
+    {
+        QTRY_COMPARE(m_server.clientCount(), 0); // the clients of the tests before have gone
+        QSslSocket client;
+        client.setPeerVerifyMode(QSslSocket::VerifyNone);
+        client.connectToHostEncrypted("127.0.0.1", m_tlsPort);
+        QSignalSpy added(&m_server, &WebSocketServer::connected);
+        QSignalSpy gone(&m_server, &WebSocketServer::disconnected);
+        QVERIFY(rawUpgrade(client) && (!added.isEmpty() || added.wait()));
+        const linger reset = {1, 0};
+        QVERIFY(::setsockopt(int(client.socketDescriptor()), SOL_SOCKET, SO_LINGER, &reset, sizeof reset) ==
+                0);
+        client.abort();
+        const QByteArray device = frame(single(100));
+        m_server.sendRdv(reinterpret_cast<const RdvFrame *>(device.constData()));
+        QCOMPARE(gone.size(), 1);
+        QCOMPARE(m_server.clientCount(), 0);
     }
 
     void stalledSecureClientGetsTheNewest()

@@ -75,21 +75,63 @@ QByteArray rawRequest(QTcpSocket &socket, const QByteArray &target, const QByteA
 
 QByteArray clientTextFrame(const QByteArray &payload)
 {
-    const int n = payload.size(); // below 64 KiB
-    return QByteArray("\x81\xFE", 2) + char(n >> 8) + char(n & 0xFF) + QByteArray(4, '\0') + payload;
+    const quint64 n = quint64(payload.size());
+    QByteArray head(10, '\0');
+    head[0] = '\x81';
+    int size = 2;
+    if (n < 126) {
+        head[1] = char(0x80 | n);
+    } else if (n <= 0xFFFF) {
+        head[1] = '\xFE';
+        qToBigEndian(quint16(n), head.data() + 2);
+        size = 4;
+    } else {
+        head[1] = '\xFF';
+        qToBigEndian(n, head.data() + 2);
+        size = 10;
+    }
+    return head.left(size) + QByteArray(4, '\0') + payload;
 }
 
-int closeCodeReadBy(QTcpSocket &socket)
+namespace {
+// The code of the close frame that ends `stream`, the server's frames
+// (unmasked) whole from the start; -1 when another frame ends it or it is cut.
+int closeCodeEnding(const QByteArray &stream)
 {
-    // The server cuts the connection after its close frame: opcode 8, the
-    // length, the code and a reason in plain ASCII.
+    qint64 at = 0;
+    int code = -1;
+    while (at + 2 <= stream.size()) {
+        const char *frame = stream.constData() + at;
+        quint64 length = uchar(frame[1]) & 0x7F;
+        int head = 2;
+        if (length >= 126) {
+            head = length == 126 ? 4 : 10;
+            if (at + head > stream.size())
+                return -1;
+            length = head == 4 ? qFromBigEndian<quint16>(frame + 2) : qFromBigEndian<quint64>(frame + 2);
+        }
+        const bool close = (frame[0] & 0x0F) == 8 && length >= 2 && at + head + 2 <= stream.size();
+        code = close ? qFromBigEndian<quint16>(frame + head) : -1;
+        at += head + qint64(length);
+    }
+    return at == stream.size() ? code : -1;
+}
+} // namespace
+
+int closeCodeReadBy(QTcpSocket &socket, const QByteArray &keepSending)
+{
     socket.setReadBufferSize(0);
     QByteArray stream;
     const bool cut = QTest::qWaitFor(
-        [&] { return (stream += socket.readAll(), socket.state() == QAbstractSocket::UnconnectedState); },
+        [&] {
+            stream += socket.readAll();
+            if (!keepSending.isEmpty() && socket.bytesToWrite() == 0 &&
+                socket.state() == QAbstractSocket::ConnectedState)
+                socket.write(keepSending);
+            return socket.state() == QAbstractSocket::UnconnectedState;
+        },
         10000);
-    const int close = stream.lastIndexOf('\x88');
-    return !cut || close < 0 ? -1 : qFromBigEndian<quint16>(stream.constData() + close + 2);
+    return cut ? closeCodeEnding(stream) : -1;
 }
 
 } // namespace RdvTest

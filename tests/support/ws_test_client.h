@@ -41,7 +41,10 @@ QByteArray rawRequest(QTcpSocket &socket, const QByteArray &target, const QByteA
                       bool upgrade);
 // A masked text frame (a zero key: the payload stays as it is).
 QByteArray clientTextFrame(const QByteArray &payload);
-// Reads a raw client until the server's close frame: its code, or -1.
-int closeCodeReadBy(QTcpSocket &socket);
+// Reads a raw client until the server has closed the connection: the code of
+// the close frame that ends what the server sent, or -1 (none, or more after
+// it). A `keepSending` message is written again whenever the one before has
+// gone out.
+int closeCodeReadBy(QTcpSocket &socket, const QByteArray &keepSending = QByteArray());
 
 } // namespace RdvTest

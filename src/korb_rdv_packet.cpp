@@ -181,6 +181,11 @@ QByteArray buildPacket(const RdvChannelMap &channels, bool *oversize)
     return out;
 }
 
+int channelFrameBytes(const RdvChannelFrame *f)
+{
+    return HeaderSize + payloadBytes(f, 1, Kind1SampleSize);
+}
+
 bool isPacket(const QByteArray &packet)
 {
     const int size = packet.size();

@@ -22,6 +22,10 @@ QByteArray buildPacket(const RdvFrame *frame);
 // than its 16-bit length word can say. Null map entries are passed over.
 QByteArray buildPacket(const RdvChannelMap &channels, bool *oversize = nullptr);
 
+// The bytes of a frame that its channel sub-block reads: the header, and the
+// samples when the rule above lets them in; at most MaxChannelFrameSize.
+int channelFrameBytes(const RdvChannelFrame *f);
+
 // Whether bytes have the layout of a packet as built above: a single-frame
 // packet's header, or channel sub-blocks whose length words lead from one to
 // the next up to the end; not larger than MaxPacketSize.

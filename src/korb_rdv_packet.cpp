@@ -341,6 +341,11 @@ QByteArray buildPacket(const RdvChannelMap &channels, bool *oversize)
     return out;
 }
 
+int channelFrameBytes(const RdvChannelFrame *f)
+{
+    return HeaderSize + payloadBytes(reinterpret_cast<const char *>(f), ChannelLayout);
+}
+
 PacketReading readPacket(const QByteArray &packet, const std::function<void(const PacketBlock &)> &each)
 {
     PacketReading r;

@@ -96,6 +96,10 @@ QByteArray buildPacket(const RdvFrame *frame);
 // than its 16-bit length word can say. Null map entries are passed over.
 QByteArray buildPacket(const RdvChannelMap &channels, bool *oversize = nullptr);
 
+// The bytes of a frame that its channel sub-block reads: the header, and the
+// samples when the rule above lets them in; at most MaxChannelFrameSize.
+int channelFrameBytes(const RdvChannelFrame *f);
+
 // One block of a packet as read: its layout, place and header fields.
 struct PacketBlock
 {

@@ -24,6 +24,7 @@ bool KorbRdvPlayback::load(const QString &name)
         return false;
     pause();
     m_played.close();
+    m_scan.resetBuffer(0); // the map refers into the image that goes now
     m_image.reset();
     m_loaded = 0;
     m_played.setFileName(name);

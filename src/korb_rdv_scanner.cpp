@@ -1,6 +1,7 @@
 #include "src/korb_rdv_scanner.h"
 
 #include "logger/korb_log.h"
+#include "src/korb_rdv_packet.h"
 #include "src/korb_rdv_settings.h"
 #include "src/korb_rdv_sink.h"
 
@@ -8,6 +9,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include <sys/mman.h>
 #include <unistd.h>
@@ -49,6 +51,7 @@ bool KorbRdvScanner::resetBuffer(int size)
     }
     m_fillEnd = 0;
     m_scanPos = 0;
+    m_scanPosAccepted = false;
     m_frameSize = 0;
     m_lastSentMs = m_lastSingleSentMs = 0;
     m_map.clear();
@@ -135,8 +138,17 @@ int KorbRdvScanner::findHeader(const char *buf, int from, int last, Search how)
 
 bool KorbRdvScanner::accept(const char *frame, const char *kind1OfThisScan)
 {
+    return acceptFrame(frame, kind1OfThisScan, true);
+}
+
+bool KorbRdvScanner::acceptFrame(const char *frame, const char *kind1OfThisScan, bool isNew)
+{
     const quint64 ms = Rdv::timeMs(frame);
-    ++m_framesAccepted;
+    if (isNew) {
+        ++m_framesAccepted;
+        if (m_newFrame)
+            m_newFrame(frame);
+    }
     m_frameSize = Rdv::frameLength(frame);
     m_lastFrameTime = quint64(Rdv::secondsSince2000(frame));
     m_lastKind = Rdv::kind(frame);
@@ -194,10 +206,13 @@ void KorbRdvScanner::calcBuff(bool verbose)
         pos = findHeader(buf, pos, int(last), m_search);
         if (pos < 0)
             return;
-        m_scanPos = pos; // the next call starts at this frame again
+        // The next call starts at this frame again and finds it a second time.
+        const bool again = m_scanPosAccepted && pos == m_scanPos;
+        m_scanPos = pos;
+        m_scanPosAccepted = true;
         const char *const f = buf + pos;
         const bool channel = Rdv::kind(f) == 1;
-        accept(f, channel ? nullptr : kind1);
+        acceptFrame(f, channel ? nullptr : kind1, !again);
         if (channel)
             kind1 = f;
         if (verbose)
@@ -232,6 +247,7 @@ void KorbRdvScanner::releasePackets(bool newestOnly)
 
 void KorbRdvScanner::restartFill()
 {
+    keepMapFrames();
     const double mib = m_charBuffSize * MiBPerByte;
     const qint64 ms = m_throughput.isValid() ? m_throughput.restart() : 0;
     if (!m_throughput.isValid())
@@ -243,6 +259,38 @@ void KorbRdvScanner::restartFill()
         m_charBuff[m_fillEnd] = 0;
     m_fillEnd = 0;
     m_scanPos = 0;
+    m_scanPosAccepted = false;
+}
+
+void KorbRdvScanner::keepMapFrames()
+{
+    // Every frame the map refers to in the buffer, a group's that still
+    // sends as well as a quiet one's: the fill will overwrite all of them.
+    // Once a pass through the buffer, at most one frame per key is copied.
+    const quintptr begin = quintptr(m_charBuff.get());
+    const quintptr end = begin + quintptr(m_charBuffSize) + BufferSlack;
+    for (auto it = m_map.begin(); it != m_map.end();) {
+        const quintptr at = quintptr(it.value());
+        if (at < begin || at >= end) {
+            ++it;
+        } else if (char *const kept = keep(it.key(), reinterpret_cast<const char *>(it.value()))) {
+            it.value() = reinterpret_cast<RdvChannelFrame *>(kept);
+            ++it;
+        } else {
+            it = m_map.erase(it); // without memory, no frame rather than a wrong one
+        }
+    }
+}
+
+char *KorbRdvScanner::keep(qint8 key, const char *frame)
+{
+    std::unique_ptr<char[]> &slot = m_kept[quint8(key)];
+    if (!slot)
+        slot.reset(new (std::nothrow) char[Rdv::MaxChannelFrameSize]);
+    if (slot)
+        std::memcpy(slot.get(), frame,
+                    size_t(Rdv::channelFrameBytes(reinterpret_cast<const RdvChannelFrame *>(frame))));
+    return slot.get();
 }
 
 char *KorbRdvScanner::reserve(int n)
@@ -263,16 +311,16 @@ void KorbRdvScanner::commit(int n, bool verbose)
     calcBuff(verbose);
 }
 
-bool KorbRdvScanner::append(const char *data, int len)
+const char *KorbRdvScanner::append(const char *data, int len)
 {
     char *const at = reserve(len);
     if (!at)
-        return false;
+        return len >= Rdv::HeaderSize && Rdv::kind(data) == 1 ? keep(Rdv::group(data), data) : nullptr;
     std::memcpy(at, data, size_t(len));
     m_fillEnd += len;
     if (m_fillEnd < m_charBuffSize)
         m_charBuff[m_fillEnd] = 0;
-    return true;
+    return at;
 }
 
 void KorbRdvScanner::writeBuf(QIODevice *out) const

@@ -6,6 +6,7 @@
 #include <QElapsedTimer>
 #include <QtGlobal>
 
+#include <functional>
 #include <memory>
 
 class KorbRdvSink;
@@ -73,8 +74,16 @@ public:
     quint64 lastFrameTime() const { return m_lastFrameTime; }
     quint8 lastKind() const { return m_lastKind; }
     quint16 sendIntervalMs() const { return m_sendIntervalMs; }
-    // Frames taken by the accept step since the scanner was made, for the health figures.
+    // Device frames the accept step took since the scanner was made, each
+    // once (a scan's new look at the last one is not counted), for the
+    // health figures.
     qint64 framesAccepted() const { return m_framesAccepted; }
+    // Called with each of those frames as the accept step takes it, before
+    // the gate; the frame is valid during the call.
+    void setNewFrameListener(std::function<void(const char *frame)> listener)
+    {
+        m_newFrame = std::move(listener);
+    }
 
     // The write window of a stream source: where `n` bytes go at the fill
     // end, the fill first starting again at 0 (with the throughput report)
@@ -84,17 +93,22 @@ public:
     // the data is scanned; with `verbose` the first frame accepted in this
     // scan is described on the console.
     void commit(int n, bool verbose);
-    // Copies a completed frame behind the fill end (through the window) and
-    // marks the new fill end with a zero byte when there is room; false
-    // without a buffer or room.
-    bool append(const char *data, int len);
+    // Copies a completed frame behind the fill end (through the window),
+    // marks the new fill end with a zero byte when there is room, and returns
+    // the copy, to be handed to the accept step: the map may refer to it,
+    // since the map's frames are copied out before the fill reuses the
+    // buffer. A kind-1 frame the buffer cannot take (no buffer, or one smaller
+    // than the frame) is copied to its group's slot instead; anything else
+    // gives null.
+    const char *append(const char *data, int len);
 
     // The accept step: bookkeeping of an accepted frame, the channel map,
     // the rate gate and the hand-off to the sink, for every source. The frame
-    // stays where the source keeps it and must live until that memory is
-    // reused. `kind1OfThisScan` is given only by the scan: the latest kind-1
-    // frame accepted before a kind-2 frame in the same call. True when the
-    // sink was handed the frame or the map.
+    // stays where the source keeps it: the scanner's own buffer, or memory the
+    // source neither reuses nor frees while the map may refer to it.
+    // `kind1OfThisScan` is given only by the scan: the latest kind-1 frame
+    // accepted before a kind-2 frame in the same call. True when the sink was
+    // handed the frame or the map.
     bool accept(const char *frame, const char *kind1OfThisScan = nullptr);
     // A source's batch of reads, bracketed for the sink (KorbRdvSink::holdPackets).
     void holdPackets();
@@ -113,9 +127,21 @@ public:
     static int findHeader(const char *buf, int from, int last, Search how);
 
 private:
+    // Keys of the map: every value of the group byte.
+    static constexpr int MapKeys = 256;
+
+    // The accept step; `isNew` is false for the scan's new look at the last
+    // accepted frame, which goes through the gate all the same.
+    bool acceptFrame(const char *frame, const char *kind1OfThisScan, bool isNew);
     // Scans from the scan position to the fill end and accepts the frames.
     void calcBuff(bool verbose);
+    // The fill starts again at 0; the map's frames in the buffer are kept first.
     void restartFill();
+    // Points every map entry that lies in the buffer to a copy in its key's slot.
+    void keepMapFrames();
+    // Copies the channel frame's bytes into the key's slot (made when first
+    // needed); null when no memory could be had for it.
+    char *keep(qint8 key, const char *frame);
     // The diagnostic names the scan, whichever helper prints it.
     void describe(const char *frame, const char *function, int line) const;
     // Zeroes the buffer's written part and keeps it as the spare.
@@ -141,6 +167,7 @@ private:
     int m_spareSize = 0;
     int m_fillEnd = 0;
     int m_scanPos = 0;
+    bool m_scanPosAccepted = false; // the frame at the scan position was accepted
     int m_frameSize = 0;
     quint64 m_lastFrameTime = 0;
     quint8 m_lastKind = 0;
@@ -148,7 +175,13 @@ private:
     qint64 m_lastSentMs = 0;
     qint64 m_lastSingleSentMs = 0; // playback: single frames are gated apart
     RdvChannelMap m_map;
+    // Where the map's frames go when the fill is about to overwrite them, so
+    // that a group that falls quiet stays in every packet with its latest
+    // frame: a slot of the largest channel frame per key, made when first
+    // needed (at most 256 x 52056 bytes).
+    std::unique_ptr<char[]> m_kept[MapKeys];
     QElapsedTimer m_throughput;
     Search m_search = Search::Simd;
     qint64 m_framesAccepted = 0;
+    std::function<void(const char *)> m_newFrame;
 };

@@ -330,10 +330,12 @@ void KorbRdvStreamerUdp::acceptDatagram(int udpNum, char *d, int size)
     f[offsetof(RdvFrame, flags)] = char(quint8(f[offsetof(RdvFrame, flags)]) + 8 * udpNum);
 
     if (const char *const done = m_frame[udpNum]) {
-        // Copied once into the character buffer (for the dumps); the map
-        // refers to the frame where it lies in the receive area.
-        m_scan.append(done, m_frameLen[udpNum]);
-        m_scan.accept(done);
+        // Copied once into the character buffer, for the dumps and for the
+        // map: the receive area starts again after 1 MiB, or at the next lost
+        // datagram, and a quiet group's frame would be overwritten there,
+        // where the scanner cannot see it coming.
+        if (const char *const kept = m_scan.append(done, m_frameLen[udpNum]))
+            m_scan.accept(kept);
     }
     m_frame[udpNum] = f;
     m_frameLen[udpNum] = Rdv::frameLength(f);

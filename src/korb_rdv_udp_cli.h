@@ -10,8 +10,8 @@ class QUdpSocket;
 // Receives the device's frames as UDP datagrams on two local ports. Each
 // datagram carries an 8-byte header (length, sequence number); frames are
 // reassembled per port in a receive area, copied once into the character
-// buffer when complete, and the latest frame of every channel group goes to
-// the sink at the send interval.
+// buffer when complete, and the latest frame of every channel group (its copy
+// there) goes to the sink at the send interval.
 class KorbRdvStreamerUdp : public KorbRdvSource
 {
     Q_OBJECT

@@ -24,6 +24,8 @@ constexpr int MaxSamples = 13000;
 constexpr int MaxFrameSize = HeaderSize + 8 * MaxSamples; // 104056
 constexpr int Kind1SampleSize = 4;
 constexpr int Kind2SampleSize = 8;
+// The largest kind-1 frame, the kind the channel map holds.
+constexpr int MaxChannelFrameSize = HeaderSize + Kind1SampleSize * MaxSamples; // 52056
 // Unix time of 2000-01-01 00:00:00 UTC.
 constexpr qint64 Epoch2000 = 946684800;
 

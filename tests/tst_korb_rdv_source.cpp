@@ -223,6 +223,66 @@ private slots:
         QCOMPARE(d.sink.text(), handoffs);
     }
 
+    // A group that falls quiet while another goes on: every packet carries its
+    // one frame whole, however often the memory it came in has been reused.
+    // Each device frame is accepted once, though a TCP scan starts again at
+    // the last frame each time: the frames are written one at a time.
+    void quietGroup_data()
+    {
+        QTest::addColumn<bool>("udp");
+        QTest::addColumn<int>("quietPort"); // UDP: the loud group comes on the first port
+        QTest::addColumn<int>("capacity");  // of the character buffer; a loud frame takes 12 KB
+        QTest::addColumn<int>("loud");      // frames of the loud group, 60 ms apart
+        QTest::newRow("UDP, before the buffer is reused") << true << 0 << (1 << 20) << 8;
+        QTest::newRow("UDP, the buffer reused once") << true << 0 << 65536 << 8;
+        QTest::newRow("UDP, the buffer reused 50 times, the receive area once") << true << 0 << 32768 << 100;
+        QTest::newRow("UDP, the quiet group on the second port") << true << 1 << 32768 << 8;
+        QTest::newRow("UDP, a buffer smaller than the loud frames") << true << 0 << 8192 << 8;
+        QTest::newRow("TCP, before the buffer is reused") << false << 0 << (1 << 20) << 8;
+        QTest::newRow("TCP, the buffer reused once") << false << 0 << 65536 << 8;
+        QTest::newRow("TCP, the buffer reused 50 times") << false << 0 << 32768 << 100;
+    }
+
+    void quietGroup()
+    {
+        QFETCH(bool, udp);
+        QFETCH(int, quietPort);
+        QFETCH(int, capacity);
+        QFETCH(int, loud);
+        L taken; // by the accept step, as new frames
+        Devices d(capacity);
+        QVERIFY(d.up);
+        KorbRdvSource *source = udp ? static_cast<KorbRdvSource *>(d.udp.data()) : d.tcp.data();
+        source->scanner().setNewFrameListener(
+            [&](const char *f) { taken << QByteArray(f, Rdv::frameLength(f)); });
+        L frames = {frame(channel(2, 0))};
+        for (int i = 1; i <= loud; ++i)
+            frames << frame(channel(1, 60 * i, 3000));
+        if (udp) {
+            L quiet = {datagram(1, frames[0])};
+            if (quietPort)
+                quiet << dg(2, channel(2, 10)); // completes the quiet frame and stays open
+            QVERIFY(d.send(quietPort, quiet));
+            L datagrams;
+            for (int i = 1; i <= loud; ++i)
+                datagrams << datagram(quint32(i + 1 - quietPort), frames[i]);
+            QVERIFY(d.send(0, datagrams));
+        } else {
+            for (const QByteArray &f : frames) // one at a time
+                QVERIFY(d.write(f + QByteArray(2, '\0')));
+        }
+        // UDP: the last frame is still open. The first only starts the clock.
+        const int accepted = udp ? loud : loud + 1;
+        const QByteArray quiet = frame(channel(qint8(2 + 8 * quietPort), 0)); // as the relay numbers it
+        QCOMPARE(taken, L{quiet} + frames.mid(1, accepted - 1));
+        QCOMPARE(source->scanner().framesAccepted(), qint64(accepted));
+        QCOMPARE(d.sink.packets.size(), accepted - 1);
+        for (int i = 1; i < accepted; ++i)
+            QVERIFY2(d.sink.packets[i - 1] == channelPacket({frames[i], quiet}),
+                     qPrintable(
+                         QStringLiteral("packet %1: %2").arg(i).arg(describePacket(d.sink.packets[i - 1]))));
+    }
+
     // Both ports queued full: they are read in turns, so neither port's frames
     // run ahead of the other's by more than a turn's share.
     void portsTakeTurns()

@@ -1,4 +1,6 @@
-// Writes a seed for every fuzz target from the simulator's device data: fuzz_seeds DIR
+// Writes a seed for every fuzz target from the simulator's device data, and
+// for the scanner and the UDP path one where a channel group falls quiet
+// while another goes on past the reuse of the buffers: fuzz_seeds DIR
 #include "src/korb_rdv_packet.h"
 #include "src/korb_rdv_synth.h"
 
@@ -7,24 +9,53 @@
 int main(int argc, char **argv)
 {
     bool ok = argc == 2;
-    const auto put = [&](const char *target, const QByteArray &bytes) {
-        QFile f(QString::fromLocal8Bit(argv[1]) + '/' + target + "/seed");
+    const auto put = [&](const char *target, const char *name, const QByteArray &bytes) {
+        QFile f(QString::fromLocal8Bit(argv[1]) + '/' + target + '/' + name);
         ok = ok && QDir().mkpath(QFileInfo(f).path()) && f.open(QIODevice::WriteOnly) &&
              f.write(bytes) == bytes.size();
     };
+    // Per datagram of the UDP target: control byte, 16-bit length, the datagram.
+    const auto record = [](int control, const QByteArray &d) {
+        return char(control) + QByteArray(1, char(d.size() & 0xFF)) + char(d.size() >> 8) + d;
+    };
     KorbRdvSynth synth;
-    QByteArray steps, datagrams("\x02", 1); // per datagram: control byte, 16-bit length, the datagram
+    QByteArray steps, datagrams("\x02", 1); // the buffer size
     for (quint32 i = 1; i <= 8; ++i) {
-        const QByteArray d = KorbRdvSynth::datagram(i, synth.channelFrame(qint8(i % 3), 8));
-        datagrams += QByteArray(1, '\0') + char(d.size()) + '\0' + d;
+        datagrams += record(0, KorbRdvSynth::datagram(i, synth.channelFrame(qint8(i % 3), 8)));
         steps += synth.nextStep();
     }
-    put("scanner", "\x03\x01\x14" + steps); // buffer size, read sizes and interval, then the stream
-    put("playback", "\x0F" + steps);        // steps, then the file
-    put("udp", datagrams);
-    put("decoder", Rdv::buildPacket(reinterpret_cast<const RdvFrame *>(synth.singleFrame(8).constData())));
-    put("client_commands", "ims:20");
-    put("control", "\x01\x05"
-                   "alive\r\npause\r\nnum:7\r\nALIVE\r\n"); // flags and piece sizes, then the input
+    put("scanner", "seed", "\x03\x01\x14" + steps); // buffer size, read sizes and interval, then the stream
+    put("playback", "seed", "\x0F" + steps);        // steps, then the file
+    put("udp", "seed", datagrams);
+    put("decoder", "seed",
+        Rdv::buildPacket(reinterpret_cast<const RdvFrame *>(synth.singleFrame(8).constData())));
+    put("client_commands", "seed", "ims:20");
+    put("control", "seed",
+        "\x01\x05"
+        "alive\r\npause\r\nnum:7\r\nALIVE\r\n"); // flags and piece sizes, then the input
+
+    // Group 1 sends once, group 0 every 60 ms. The scanner's 16 KiB buffer is
+    // filled ten times over; the UDP path's datagrams pass its 64 KiB buffer
+    // and its 1 MiB receive area (one datagram sent 25 times over, with its
+    // header made right), then two more frames make a packet.
+    KorbRdvSynth::Options o;
+    o.groups = 1;
+    o.singleEvery = 0;
+    o.periodMs = 60;
+    KorbRdvSynth loud(o);
+    QByteArray stream = loud.channelFrame(1, 8) + QByteArray(o.trailerBytes, '\0');
+    for (int i = 0; i < 40; ++i)
+        stream += loud.nextStep();
+    put("scanner", "quiet_group", "\x03\x03\x14" + stream);
+    o.channelSamples = Rdv::MaxSamples;
+    KorbRdvSynth wide(o);
+    QByteArray quiet(1, '\0');
+    quiet += record(2, KorbRdvSynth::datagram(0, wide.channelFrame(1, 8)));
+    for (int sends : {25, 1, 1}) {
+        wide.nextStep();
+        quiet +=
+            record(2 | (sends - 1) << 2, KorbRdvSynth::datagram(0, wide.channelFrame(0, Rdv::MaxSamples)));
+    }
+    put("udp", "quiet_group", quiet);
     return ok ? 0 : 1;
 }

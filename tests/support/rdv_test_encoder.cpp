@@ -1,5 +1,7 @@
 #include "support/rdv_test_encoder.h"
 
+#include "src/korb_rdv_packet.h"
+
 #include <QDataStream>
 #include <QStringList>
 #include <QtEndian>
@@ -208,6 +210,7 @@ void RecordingSink::sendRdv(const RdvChannelMap &channels)
                        .arg(int(it.key()))
                        .arg(qint64(timeMs(reinterpret_cast<const char *>(*it)) - BaseSec * 1000.0));
     seen << 'm' + entries.join(',');
+    packets << Rdv::buildPacket(channels);
 }
 
 } // namespace RdvTest

@@ -57,6 +57,7 @@ struct RecordingSink : KorbRdvSink
 {
     int clients = 1;
     QStringList seen;
+    QByteArrayList packets; // the channel packets the relay builds from the maps
     QString text() const { return seen.join(' '); }
     int clientCount() const override { return clients; }
     void sendRdv(const RdvFrame *frame) override;

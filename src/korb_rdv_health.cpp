@@ -39,6 +39,9 @@ QByteArray KorbRdvHealth::json(const Figures &f) const
     o.insert(QStringLiteral("ws_clients"), f.wsClients);
     o.insert(QStringLiteral("packets_replaced"), f.packetsReplaced);
     o.insert(QStringLiteral("broker_publishes_dropped"), f.brokerDropped);
+    o.insert(QStringLiteral("record_bytes_written"), f.recordBytesWritten);
+    o.insert(QStringLiteral("record_files"), f.recordFiles);
+    o.insert(QStringLiteral("record_frames_dropped"), f.recordFramesDropped);
     return QJsonDocument(o).toJson(QJsonDocument::Compact);
 }
 

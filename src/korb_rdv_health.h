@@ -34,6 +34,9 @@ public:
         int wsClients = 0;
         qint64 packetsReplaced = 0;
         qint64 brokerDropped = 0;
+        qint64 recordBytesWritten = 0;
+        int recordFiles = 0;
+        qint64 recordFramesDropped = 0;
     };
     using Sampler = std::function<Figures()>;
 

@@ -75,31 +75,32 @@ bool KorbRdvDiskWriter::writeFile(const QString &path, const QByteArray &bytes, 
 
 void KorbRdvDiskWriter::run()
 {
-    QMutexLocker lock(&m_mutex);
     for (;;) {
-        if (m_jobs.isEmpty()) {
-            if (m_stopping)
-                break;
-            m_wake.wait(&m_mutex, FlushIntervalMs);
-        }
         QQueue<Job> jobs;
-        jobs.swap(m_jobs);
-        lock.unlock();
-        for (Job &job : jobs)
-            execute(job);
-        lock.relock();
-        for (const Job &job : qAsConst(jobs)) {
-            if (job.kind == Job::Bytes)
-                m_queuedStream -= job.bytes.size();
-            else if (job.kind == Job::File)
-                m_queuedFiles -= job.bytes.size();
+        {
+            QMutexLocker lock(&m_mutex);
+            if (m_jobs.isEmpty() && !m_stopping)
+                m_wake.wait(&m_mutex, FlushIntervalMs);
+            if (m_jobs.isEmpty() && m_stopping)
+                break;
+            jobs.swap(m_jobs);
         }
+        // The queue counts bytes until they are written; the memory goes
+        // with each job, outside the lock.
+        qint64 stream = 0, files = 0;
+        while (!jobs.isEmpty()) {
+            Job job = jobs.dequeue();
+            execute(job);
+            (job.kind == Job::File ? files : stream) += job.bytes.size(); // none in the others
+        }
+        QMutexLocker lock(&m_mutex);
+        m_queuedStream -= stream;
+        m_queuedFiles -= files;
     }
-    lock.unlock();
     m_stream.close();
 }
 
-void KorbRdvDiskWriter::execute(Job &job)
+void KorbRdvDiskWriter::execute(const Job &job)
 {
     switch (job.kind) {
     case Job::Stream:
@@ -154,9 +155,9 @@ void KorbRdvDiskWriter::failStream(const QString &reason)
 
 void KorbRdvDiskWriter::writeWholeFile(const Job &job)
 {
-    const qint64 room = job.bound.maxBytes - job.bytes.size();
-    if (job.bound.maxBytes >= 0 && (room < 0 || Korb::trimOldest({job.bound.dir, job.bound.pattern, room,
-                                                                  job.bound.maxAgeSecs}) > room)) {
+    Korb::FileBound others = job.bound; // leave room for this one
+    others.maxBytes = job.bound.maxBytes - job.bytes.size();
+    if (job.bound.maxBytes >= 0 && (others.maxBytes < 0 || Korb::trimOldest(others) > others.maxBytes)) {
         KLOG(this, 1,
              tr("файл %1 не записан: %2 байт не помещаются в предел %3 байт")
                  .arg(job.path)

@@ -79,7 +79,7 @@ private:
 
     void enqueue(Job job);
     void run();
-    void execute(Job &job);
+    void execute(const Job &job);
     void openStream(const Job &job);
     void writeStream(const QByteArray &bytes);
     void failStream(const QString &reason);

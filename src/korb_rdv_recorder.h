@@ -44,10 +44,10 @@ public:
 
     bool gated() const { return m_settings.gated; }
     qint64 framesDropped() const { return m_dropped; }
-    // "<prefix>_<YYYYMMDD>T<HHMMSS>Z.rdv", with "_<serial>" before ".rdv" past the first.
-    static QString fileName(const QString &prefix, qint64 utcMs, int serial);
 
 private:
+    // "<prefix>_<YYYYMMDD>T<HHMMSS>Z.rdv", with "_<serial>" before ".rdv" past the first.
+    static QString fileName(const QString &prefix, qint64 utcMs, int serial);
     void startFile(qint64 nowMs);
     void dropped();
     void onStreamFailed(const QString &reason);

@@ -97,13 +97,10 @@ private slots:
         QUdpSocket datagrams;
         QVERIFY(device.listen(QHostAddress::LocalHost) && datagrams.bind(QHostAddress::LocalHost));
         const quint16 ports[2] = {freePort(true).toUShort(), freePort(true).toUShort()};
-        QStringList options = {"KorbRdv_streamer",
-                               "-p",
-                               freePort(),
-                               "-cfg",
-                               ini.fileName(),
-                               "-record=" + dir.filePath("rec"),
-                               QStringLiteral("-addr=127.0.0.1:%1").arg(device.serverPort())};
+        const QString rec = dir.filePath("rec"),
+                      addr = QStringLiteral("-addr=127.0.0.1:%1").arg(device.serverPort());
+        QStringList options = {"KorbRdv_streamer", "-p", freePort(), "-cfg", ini.fileName(),
+                               "-record=" + rec,   addr};
         if (udp)
             options << QStringLiteral("-udp1=%1").arg(ports[0]) << QStringLiteral("-udp2=%1").arg(ports[1]);
         QScopedPointer<KorbRdvStreamer> relay(new KorbRdvStreamer(nullptr, false, options));
@@ -131,7 +128,7 @@ private slots:
         QCOMPARE(f.recordFiles, 1);
         QCOMPARE(f.recordFramesDropped, qint64(0));
         QCOMPARE(f.wsClients, 0);
-        QCOMPARE(recordings(dir.filePath("rec"), "Korb-RDV2"), L{expected.join()});
+        QCOMPARE(recordings(rec, "Korb-RDV2"), L{expected.join()});
     }
 
     // 100 frames of 52 KB, a file of 1 MiB holds 20: five files. The
@@ -175,12 +172,12 @@ private slots:
     {
         QTest::addColumn<bool>("folder"); // else its first file
         QTest::addColumn<int>("from");    // frames of the recording, 20 a file
-        QTest::addColumn<int>("to");      // excluded
+        QTest::addColumn<int>("to");      // excluded; 0: no window
         QTest::addColumn<QList<int>>("received");
         QList<int> file, window;
         for (int i = 0; i < 25; ++i)
             file << i % 20, window << 50 + i % 20;
-        QTest::newRow("a file, as it was recorded") << false << 0 << 100 << file;
+        QTest::newRow("a file, as it was recorded") << false << 0 << 0 << file;
         QTest::newRow("a folder within -from and -to") << true << 50 << 70 << window;
     }
 
@@ -198,7 +195,8 @@ private slots:
         auto *playback = new KorbRdvPlayback(&server, &server);
         server.setPlayer(playback);
         const auto at = [&sent](int i) { return qint64(Rdv::timeMs(sent[i].constData())); };
-        playback->setWindow(at(from), at(qMin(to, 99)) + (to > 99));
+        if (to)
+            playback->setWindow(at(from), at(to));
         const QString first =
             QDir(dir.path()).entryInfoList({"*.rdv"}, QDir::Files, QDir::Name).value(0).filePath();
         QVERIFY(server.listen(QHostAddress::LocalHost) && server.setFileNm(folder ? dir.path() : first));

@@ -49,7 +49,7 @@ QString KorbRdvHealth::logLine(const Figures &f) const
 {
     return tr("состояние: источник %1; кадров принято %2; датаграмм принято %3, отброшено %4, "
               "отброшено ядром %5; пакетов собрано %6; клиентов WebSocket %7; пакетов заменено %8; "
-              "публикаций брокеру не отправлено %9")
+              "публикаций брокеру не отправлено %9; записано байт %10, файлов %11, кадров не записано %12")
         .arg(f.source)
         .arg(f.framesAccepted)
         .arg(f.datagramsAccepted)
@@ -58,7 +58,10 @@ QString KorbRdvHealth::logLine(const Figures &f) const
         .arg(f.packetsBuilt)
         .arg(f.wsClients)
         .arg(f.packetsReplaced)
-        .arg(f.brokerDropped);
+        .arg(f.brokerDropped)
+        .arg(f.recordBytesWritten)
+        .arg(f.recordFiles)
+        .arg(f.recordFramesDropped);
 }
 
 void KorbRdvHealth::sample()

@@ -327,6 +327,11 @@ void KorbRdvStreamer::iniR(const QString &path)
 
 void KorbRdvStreamer::qExit(QObject *)
 {
+    exitOnHandledSignal();
+}
+
+void KorbRdvStreamer::exitOnHandledSignal()
+{
     if (Korb::lastHandledSignal != 0)
         std::exit(Korb::lastHandledSignal);
 }

@@ -33,6 +33,9 @@ public:
                              const QString &serviceName = QString());
     ~KorbRdvStreamer() override;
 
+    // After a handled signal, ends the process with the signal's number.
+    static void exitOnHandledSignal();
+
     // Re-arms the TCP clients and opens the UDP receiver when both ports are set.
     bool createConnect();
     // Service pause: stops the TCP clients and removes the pid file.

@@ -104,16 +104,6 @@ KorbRdvStreamer::~KorbRdvStreamer()
         m_lock.detach();
 }
 
-const KorbRdvOptions &KorbRdvStreamer::options() const
-{
-    return m_assembly->options();
-}
-
-WebSocketServer *KorbRdvStreamer::server() const
-{
-    return m_assembly->server();
-}
-
 bool KorbRdvStreamer::takeInstanceLock(quint16 port)
 {
     const QString key = QStringLiteral("%1-%2").arg(QLatin1String(Korb::ProgramName)).arg(port);

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "korb_version.h"
-#include "src/korb_rdv_options.h"
+#include "src/korb_rdv_assembly.h"
 
 #include <QObject>
 #include <QSharedMemory>
@@ -10,7 +10,6 @@
 
 class QFileSystemWatcher;
 class QTimer;
-class KorbRdvAssembly;
 class WebSocketServer;
 
 // The one application object of the daemon: reads the application's own
@@ -42,9 +41,9 @@ public:
     void pause();
 
     // What the command line settled, and the relay made from it.
-    const KorbRdvOptions &options() const;
+    const KorbRdvOptions &options() const { return m_assembly->options(); }
     KorbRdvAssembly *assembly() const { return m_assembly; }
-    WebSocketServer *server() const;
+    WebSocketServer *server() const { return m_assembly->server(); }
     qint8 serviceFlag() const { return m_serviceFlag; }
     QString label() const;
     QString pidFilePath();

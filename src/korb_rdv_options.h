@@ -52,6 +52,9 @@ struct KorbRdvOptions
     // log threshold, the logger's directory and codec.
     void applyProcessWide() const;
 
+    // Seconds without a frame after which /healthz calls a live source stale.
+    static constexpr int DefaultHealthSilenceS = 10;
+
     bool replay() const { return !replayFile.isEmpty(); }
     bool udp() const { return udpPorts[0] && udpPorts[1]; }
 
@@ -73,6 +76,7 @@ struct KorbRdvOptions
     QByteArray terminalCodec;       // empty: the default
     QString tlsCertificate;         // absolute
     QString tlsKey;                 // absolute
+    int healthSilenceS = DefaultHealthSilenceS;
 
     // Names (or INI keys) of the options the command line gave.
     QSet<QString> given;

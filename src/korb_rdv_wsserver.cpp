@@ -4,11 +4,13 @@
 #include "src/korb_rdv_client_link.h"
 #include "src/korb_rdv_command.h"
 #include "src/korb_rdv_http.h"
+#include "src/korb_rdv_http_service.h"
 #include "src/korb_rdv_packet.h"
 #include "src/korb_rdv_settings.h"
 #include "src/korb_rdv_ws_client.h"
 
 #include <QCoreApplication>
+#include <QSslSocket>
 #include <QTimer>
 
 int WebSocketServer::s_broadcastCount = 0;
@@ -19,6 +21,11 @@ void dismiss(QWebSocket *socket, QWebSocketProtocol::CloseCode code, const QStri
 {
     socket->close(code, reason);
     QTimer::singleShot(WebSocketServer::CloseGraceMs, socket, &QWebSocket::abort);
+}
+
+bool overTls(KorbRdvClientLink *link)
+{
+    return qobject_cast<QSslSocket *>(link->socket()) != nullptr;
 }
 
 // Whether a value can be sent: text or bytes; anything else is reported.
@@ -45,6 +52,9 @@ WebSocketServer::WebSocketServer(QObject *parent, quint16 port)
     connect(this, &QWebSocketServer::newConnection, this, &WebSocketServer::onNewConnection);
     connect(m_fanOut, &KorbRdvFanOut::overQueued, this, &WebSocketServer::cutOff);
     connect(m_fanOut, &KorbRdvFanOut::sent, this, &WebSocketServer::binaryBroadcast);
+    // Qt's handshake refused the upgrade.
+    connect(this, &QWebSocketServer::serverError, this,
+            [this] { ++m_refusals[KorbRdvWsListener::Handshake]; });
 }
 
 WebSocketServer::~WebSocketServer()
@@ -92,6 +102,8 @@ void WebSocketServer::addListener(KorbRdvWsListener *listener)
     m_listeners.append(listener);
     listener->setMaxHandshakes(m_maxClients);
     connect(listener, &KorbRdvWsListener::request, this, &WebSocketServer::onRequest);
+    connect(listener, &KorbRdvWsListener::refused, this,
+            [this](KorbRdvWsListener::Refusal reason) { ++m_refusals[reason]; });
 }
 
 void WebSocketServer::onRequest(KorbRdvClientLink *link, const KorbRdvHttpRequest &request)
@@ -99,7 +111,8 @@ void WebSocketServer::onRequest(KorbRdvClientLink *link, const KorbRdvHttpReques
     if (request.isWebSocketUpgrade())
         handleConnection(link->socket());
     else
-        KorbRdvWsListener::respond(link->socket(), Korb::httpResponse(404));
+        KorbRdvWsListener::respond(link->socket(),
+                                   m_http ? m_http->answer(request, overTls(link)) : Korb::httpResponse(404));
 }
 
 void WebSocketServer::setMaxClients(int clients)
@@ -130,6 +143,7 @@ void WebSocketServer::onNewConnection()
         link = link ? link : listener->takeHandshake(socket);
     if (!link || m_clients.size() >= m_maxClients) {
         KLOGF(this, 1, tr("клиент отклонён: подключено предельное число клиентов (%1)").arg(m_maxClients));
+        ++m_refusals[KorbRdvWsListener::Limit];
         connect(socket, &QWebSocket::disconnected, socket, &QObject::deleteLater);
         dismiss(socket, CloseCodeTryAgainLater, QStringLiteral("too many clients"));
         return;
@@ -148,6 +162,14 @@ void WebSocketServer::onNewConnection()
            << "clients:" << m_clients.size();
     // A first listener hears the recording from its start.
     follow(consumerCount() == 1);
+}
+
+int WebSocketServer::tlsClientCount() const
+{
+    int n = 0;
+    for (const KorbRdvWsClient *client : m_clients)
+        n += overTls(client->link());
+    return n;
 }
 
 void WebSocketServer::onDisconnected()
@@ -243,7 +265,7 @@ void WebSocketServer::sendRdv(const RdvFrame *frame)
     if (!frame || consumerCount() == 0)
         return;
     ++s_broadcastCount;
-    m_fanOut->send(Rdv::buildPacket(frame));
+    m_fanOut->send(Rdv::buildPacket(frame), m_ingestNs);
 }
 
 void WebSocketServer::sendRdv(const RdvChannelMap &channels)
@@ -255,12 +277,17 @@ void WebSocketServer::sendRdv(const RdvChannelMap &channels)
     if (oversize)
         KTRACE << "length Oversize quint16";
     ++s_broadcastCount;
-    m_fanOut->send(packet);
+    m_fanOut->send(packet, m_ingestNs);
 }
 
 void WebSocketServer::sendPacket(const QByteArray &packet)
 {
-    m_fanOut->send(packet);
+    m_fanOut->send(packet, m_ingestNs);
+}
+
+void WebSocketServer::markIngest()
+{
+    m_ingestNs = KorbRdvHistogram::clockNs();
 }
 
 void WebSocketServer::onReadyReadT(const QString &message)

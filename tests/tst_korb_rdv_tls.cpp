@@ -120,6 +120,7 @@ private slots:
             connectClient(m_server, &scope),
             connectClient(m_server, &scope, QStringLiteral("wss://127.0.0.1:%1").arg(m_tlsPort), trusting)};
         QVERIFY(both.at(0) && both.at(1));
+        QVERIFY(m_server.tlsClientCount() == 1 && m_server.refusals(KorbRdvWsListener::Handshake) == 4);
         const QByteArray device = frame(single(100));
         for (WsTestClient *c : both) {
             c->socket.sendTextMessage("ims:20");

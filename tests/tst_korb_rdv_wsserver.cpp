@@ -249,6 +249,7 @@ private slots:
         QVERIFY(a && b && rawHandshake(extra, m_server->serverPort()));
         QCOMPARE(closeCodeReadBy(extra), int(WebSocketServer::CloseCodeTryAgainLater));
         QCOMPARE(m_server->clientCount(), 2);
+        QCOMPARE(m_server->refusals(KorbRdvWsListener::Limit), 1);
     }
 
     // Two clients stall one after the other; with the total bound below what both

@@ -30,8 +30,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     R again;
     FUZZ_CHECK(R::parse(bytes.left(headSize), &again) == R::Complete && again.target == request.target &&
                again.headers == request.headers);
-    uint32_t cut = uint32_t(size) * 2654435761u + 1u;
-    FUZZ_CHECK(R::parse(bytes.left(Fuzz::nextSize(cut, headSize) - 1), &again) == R::Incomplete);
+    // Cut anywhere, and where a partial line end or blank line stands last.
+    uint32_t state = uint32_t(size) * 2654435761u + 1u;
+    const int lineEnd = bytes.indexOf("\r\n");
+    for (const int cut : {Fuzz::nextSize(state, headSize) - 1, lineEnd + 1, headSize - 3, headSize - 1})
+        FUZZ_CHECK(R::parse(bytes.left(cut), &again) == R::Incomplete);
     const QByteArray response = service.answer(request, size & 1);
     const int status = response.mid(9, 3).toInt();
     FUZZ_CHECK(response.startsWith("HTTP/1.1 ") &&

@@ -71,12 +71,13 @@ bool takeUdpPort(quint16 *port, const QString &v)
     return ok && p >= 1 && p <= 65534;
 }
 
-bool takeMaxClients(Options &o, const QString &v)
+// A whole number of at least 1; a refused one leaves the value as it was.
+bool takePositive(int *value, const QString &v)
 {
     bool ok = false;
     const int n = v.toInt(&ok);
     if (ok && n >= 1)
-        o.maxClients = n;
+        *value = n;
     return ok && n >= 1;
 }
 
@@ -185,7 +186,8 @@ const QVector<KorbRdvOptions::Spec> &KorbRdvOptions::table()
          "send interval (at least 2); clients change it with `ims:MS`", takeInterval,
          QStringLiteral("arg interval_ms default: %1").arg(Korb::DefaultSendIntervalMs)},
         {"-max_clients=", Form::Attached, nullptr, "N", QString::number(Korb::DefaultMaxClients),
-         "WebSocket clients served at once; more are refused with close code 1013", takeMaxClients},
+         "WebSocket clients served at once; more are refused with close code 1013",
+         [](Options &o, const QString &v) { return takePositive(&o.maxClients, v); }},
         {"-lt", Form::Word, nullptr, "LEVEL", QString::number(Korb::DefaultLogThreshold),
          "log threshold: 0 errors, 1 warnings, 2 information, 3 debug (not a number: 0)",
          [](Options &o, const QString &v) { o.logThreshold = v.toInt(&o.logThresholdValid); return true; }},
@@ -208,6 +210,9 @@ const QVector<KorbRdvOptions::Spec> &KorbRdvOptions::table()
         {nullptr, Form::File, "tls/key", "FILE", QLatin1String(Korb::DefaultTlsKey),
          "the TLS port's private key (PEM, not readable by others)",
          [](Options &o, const QString &v) { o.tlsKey = v; return true; }},
+        {nullptr, Form::File, "http/health_silence_s", "S", QString::number(Options::DefaultHealthSilenceS),
+         "seconds without a frame after which `/healthz` calls a live source stale (at least 1)",
+         [](Options &o, const QString &v) { return takePositive(&o.healthSilenceS, v); }},
     };
     // clang-format on
     return rows;

@@ -52,6 +52,9 @@ struct KorbRdvOptions
     // log threshold, the logger's directory and codec.
     void applyProcessWide() const;
 
+    // Seconds without a frame after which /healthz calls a live source stale.
+    static constexpr int DefaultHealthSilenceS = 10;
+
     bool replay() const { return !replayFile.isEmpty(); }
     bool udp() const { return udpPorts[0] && udpPorts[1]; }
 
@@ -75,6 +78,7 @@ struct KorbRdvOptions
     QString tlsKey;                 // absolute
     QString origins;                // pages allowed to connect besides the relay's own: a list, or "*"
     QString tokenFile;              // absolute; when it exists, only its tokens' holders may steer
+    int healthSilenceS = DefaultHealthSilenceS;
 
     // Names (or INI keys) of the options the command line gave.
     QSet<QString> given;

@@ -31,6 +31,7 @@ QString settled(const KorbRdvOptions &o, const QString &root)
                        "nofile=" + QString::number(o.noFile),
                        "cert=" + rel(o.tlsCertificate),
                        "key=" + rel(o.tlsKey),
+                       "silence=" + QString::number(o.healthSilenceS),
                        ""}
         .join(' ');
 }
@@ -49,7 +50,8 @@ private slots:
         QFile ini(m_tmp.filePath("etc/relay.ini"));
         QVERIFY(rec.open(QIODevice::WriteOnly) && QDir(m_tmp.path()).mkpath("etc") &&
                 ini.open(QIODevice::WriteOnly) &&
-                ini.write("[tls]\ncertificate=/pki/relay.crt\nkey=relay.key\n[domains]\nx=1\n"));
+                ini.write("[tls]\ncertificate=/pki/relay.crt\nkey=relay.key\n"
+                          "[http]\nhealth_silence_s=3\n[domains]\nx=1\n"));
     }
 
     void parse_data()
@@ -57,7 +59,7 @@ private slots:
         QTest::addColumn<QStringList>("arguments");
         QTest::addColumn<QString>("expected"); // items of settled(), each followed by a blank
         // clang-format off
-        QTest::newRow("nothing given: the defaults") << QStringList{} << "port=3005 tls=0 device=127.0.0.1:3005 udp=0,0 interval=- clients=1024 replay= mqtt=| lt=-? ld= tc= cfg=~/etc/KorbRdv_streamer.ini nofile=0 cert=~/etc/korb.crt key=~/etc/korb.key";
+        QTest::newRow("nothing given: the defaults") << QStringList{} << "port=3005 tls=0 device=127.0.0.1:3005 udp=0,0 interval=- clients=1024 replay= mqtt=| lt=-? ld= tc= cfg=~/etc/KorbRdv_streamer.ini nofile=0 cert=~/etc/korb.crt key=~/etc/korb.key silence=10";
         QTest::newRow("-p 0 and -p 1 end as 3005") << QStringList{"-p", "1", "-p", "0"} << "port=3005";
         QTest::newRow("-p 0x10 hexadecimal; ff hexadecimal when not decimal") << QStringList{"-p", "0x10", "-P", "ff"} << "port=255";
         QTest::newRow("-p 65534 and a value of neither base end as 3005") << QStringList{"-p", "65534", "-p", "zz"} << "port=3005";
@@ -75,7 +77,7 @@ private slots:
         QTest::newRow("-lt abc: errors only") << QStringList{"-lt", "abc"} << "lt=0?";
         QTest::newRow("-LT 3, -ld and -tc in any case") << QStringList{"-LT", "3", "-LD", "../journal", "-Tc", "cp1251"} << "lt=3 ld=~/journal tc=cp1251";
         QTest::newRow("-cfg -nofile: no value, -nofile an option of its own") << QStringList{"-cfg", "-nofile"} << "cfg=~/etc/KorbRdv_streamer.ini nofile=1 cert=~/etc/korb.crt";
-        QTest::newRow("-cfg of a relative name: in ../etc; its [tls] keys") << QStringList{"-cfg", "relay.ini"} << "cfg=~/etc/relay.ini cert=/pki/relay.crt key=~/bin/relay.key";
+        QTest::newRow("-cfg of a relative name: in ../etc; its [tls] and [http] keys") << QStringList{"-cfg", "relay.ini"} << "cfg=~/etc/relay.ini cert=/pki/relay.crt key=~/bin/relay.key silence=3";
         QTest::newRow("-nofile: the configuration's keys are not read") << QStringList{"-cfg", "relay.ini", "-nofile"} << "cert=~/etc/korb.crt";
         QTest::newRow("unknown options are passed over") << QStringList{"-zz=1", "-what", "-n", "x", "-p", "4000"} << "port=4000 device=127.0.0.1:3005";
         // clang-format on

@@ -142,22 +142,22 @@ bool nextIsValue(const QStringList &args, int i)
 }
 
 // Applies one option's value and reports a refusal on the console.
-void take(Options &o, const Options::Spec &spec, const QString &value)
+void take(Options &o, const Options::Row &row, const QString &value)
 {
-    o.given.insert(spec.name ? QString::fromLatin1(spec.name) : QString::fromLatin1(spec.iniKey));
-    if (spec.apply(o, value))
+    o.given.insert(row.name ? QString::fromLatin1(row.name) : QString::fromLatin1(row.iniKey));
+    if (row.apply(o, value))
         return;
-    KTRACE << QStringLiteral("err arg %1: ").arg(bareName(spec.name ? spec.name : spec.iniKey)) << value;
-    if (!spec.refusal.isEmpty())
-        KTRACE << spec.refusal;
+    KTRACE << QStringLiteral("err arg %1: ").arg(bareName(row.name ? row.name : row.iniKey)) << value;
+    if (!row.refusal.isEmpty())
+        KTRACE << row.refusal;
 }
 
 } // namespace
 
-const QVector<KorbRdvOptions::Spec> &KorbRdvOptions::table()
+const QVector<KorbRdvOptions::Row> &KorbRdvOptions::table()
 {
     // clang-format off
-    static const QVector<Spec> rows = {
+    static const QVector<Row> rows = {
         {"-p", Form::Word, nullptr, "PORT", QString::number(Korb::DefaultPort), "WebSocket port (0x.. hexadecimal)",
          takePort},
         {"-ps", Form::Word, nullptr, "PORT", "none",
@@ -223,15 +223,15 @@ KorbRdvOptions KorbRdvOptions::parse(const QStringList &args)
     Options o;
     for (int i = 1; i < args.size(); ++i) {
         const QString &a = args.at(i);
-        for (const Spec &spec : table()) {
-            const QLatin1String name(spec.name ? spec.name : "");
-            if (spec.form == Form::Attached && a.startsWith(name)) {
-                take(o, spec, a.mid(a.indexOf(QLatin1Char('=')) + 1));
-            } else if (spec.form == Form::Flag && a.compare(name, Qt::CaseInsensitive) == 0) {
-                take(o, spec, QString());
-            } else if (spec.form == Form::Word && a.compare(name, Qt::CaseInsensitive) == 0) {
+        for (const Row &row : table()) {
+            const QLatin1String name(row.name ? row.name : "");
+            if (row.form == Form::Attached && a.startsWith(name)) {
+                take(o, row, a.mid(a.indexOf(QLatin1Char('=')) + 1));
+            } else if (row.form == Form::Flag && a.compare(name, Qt::CaseInsensitive) == 0) {
+                take(o, row, QString());
+            } else if (row.form == Form::Word && a.compare(name, Qt::CaseInsensitive) == 0) {
                 if (nextIsValue(args, i))
-                    take(o, spec, args.at(++i));
+                    take(o, row, args.at(++i));
             } else {
                 continue;
             }
@@ -263,12 +263,12 @@ void KorbRdvOptions::readConfigFile()
 {
     QSettings settings(configFile, QSettings::IniFormat);
     settings.setIniCodec(QTextCodec::codecForName("System"));
-    for (const Spec &spec : table()) {
-        const QString key = QString::fromLatin1(spec.iniKey ? spec.iniKey : "");
-        if (key.isEmpty() || given.contains(spec.name ? QString::fromLatin1(spec.name) : key) ||
+    for (const Row &row : table()) {
+        const QString key = QString::fromLatin1(row.iniKey ? row.iniKey : "");
+        if (key.isEmpty() || given.contains(row.name ? QString::fromLatin1(row.name) : key) ||
             !settings.contains(key))
             continue;
-        if (!spec.apply(*this, settings.value(key).toString()))
+        if (!row.apply(*this, settings.value(key).toString()))
             KLOG(nullptr, 1,
                  QObject::tr("%1: значение %2=%3 не принято")
                      .arg(configFile, key, settings.value(key).toString()));

@@ -29,7 +29,7 @@ struct KorbRdvOptions
     // One row of the table. `apply` takes the value into the options and
     // says whether it was accepted; the parser reports a refused value on
     // the console, followed by `refusal` when there is one.
-    struct Spec
+    struct Row
     {
         const char *name; // as typed, with its "=" for the attached form
         Form form;
@@ -40,7 +40,7 @@ struct KorbRdvOptions
         bool (*apply)(KorbRdvOptions &options, const QString &value);
         QString refusal; // what a refused value leaves
     };
-    static const QVector<Spec> &table();
+    static const QVector<Row> &table();
 
     // Reads `arguments` (the program's own name first), then, unless -nofile
     // was given, the configuration file for the keys the command line left

@@ -114,12 +114,12 @@ private slots:
         const int from = text.indexOf("## Running the relay");
         const QString options = text.mid(from, text.indexOf("\n## ", from + 1) - from);
         QVERIFY(from >= 0);
-        for (const KorbRdvOptions::Spec &spec : KorbRdvOptions::table()) {
-            if (spec.name) {
-                QVERIFY2(options.contains(QLatin1Char('`') + QLatin1String(spec.name)), spec.name);
+        for (const KorbRdvOptions::Row &row : KorbRdvOptions::table()) {
+            if (row.name) {
+                QVERIFY2(options.contains(QLatin1Char('`') + QLatin1String(row.name)), row.name);
             } else {
-                const QStringList key = QString::fromLatin1(spec.iniKey).split('/');
-                QVERIFY2(text.contains('[' + key[0] + ']') && text.contains(key[1] + '='), spec.iniKey);
+                const QStringList key = QString::fromLatin1(row.iniKey).split('/');
+                QVERIFY2(text.contains('[' + key[0] + ']') && text.contains(key[1] + '='), row.iniKey);
             }
         }
     }

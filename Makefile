@@ -19,7 +19,8 @@ DEB_PACKAGES := cmake g++ make qtbase5-dev libqt5websockets5-dev util-linux dpkg
 # The browser viewer's tests also want node, npm and chromium (installed
 # below when their commands are missing); where they cannot be had, those
 # tests skip. lintian, which the package test runs, is installed the same way,
-# and so is mosquitto, the broker of the MQTT tests and of make demo-mqtt.
+# and so are mosquitto, the broker of the MQTT tests and of make demo-mqtt, and
+# prometheus (with promtool), which the HTTP test scrapes the relay with.
 
 .PHONY: all build deps fuzz-deps build-fuzz fuzz test test-plain test-asan test-fuzz demo demo-mqtt package clean format
 
@@ -67,6 +68,12 @@ deps:
 	  ( $(SUDO) apt-get update -qq && \
 	    DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq --no-install-recommends mosquitto ) \
 	  || echo "could not install mosquitto: the MQTT tests will be skipped"
+	@# The HTTP test scrapes the relay with a private Prometheus of its own;
+	@# Debian's package enables a service, which the test never uses.
+	@dpkg-query -W -f='$${Status}' prometheus 2>/dev/null | grep -q 'install ok installed' || \
+	  ( $(SUDO) apt-get update -qq && \
+	    DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq --no-install-recommends prometheus ) \
+	  || echo "could not install prometheus: the Prometheus test will be skipped"
 	@command -v lintian >/dev/null || \
 	  ( $(SUDO) apt-get update -qq && \
 	    DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq --no-install-recommends lintian ) \
@@ -122,7 +129,8 @@ demo: build
 	@echo
 	@echo "  KorbRdv_streamer demo: replaying $(DEMO_FILE)"
 	@echo "  WebSocket address : ws://localhost:$(DEMO_PORT)"
-	@echo "  viewer            : open file://$(CURDIR)/tools/viewer/index.html?url=ws://localhost:$(DEMO_PORT) in a browser"
+	@echo "  viewer            : open http://localhost:$(DEMO_PORT)/ in a browser"
+	@echo "  monitoring        : http://localhost:$(DEMO_PORT)/metrics and /healthz"
 	@echo "  command-line      : build/bin/korb_rdv_client ws://127.0.0.1:$(DEMO_PORT) --cmd ims:100 --count 200"
 	@echo "  logs              : build/logs/   (Ctrl-C stops the relay)"
 	@echo

@@ -138,7 +138,9 @@ protected:
             QCoreApplication::arguments().join(QLatin1Char(' ')).indexOf(QLatin1String("-cmd")) > 0;
 
         server = new KorbRdvStreamer(app, true, QStringList(), serviceName());
-        QObject::connect(server, &QObject::destroyed, server, &KorbRdvStreamer::qExit);
+        // What qExit() does, by the application: when destroyed() comes, the
+        // object is a streamer no more, and none of its slots may run.
+        QObject::connect(server, &QObject::destroyed, app, [] { KorbRdvStreamer::exitOnHandledSignal(); });
         QObject::connect(server, &KorbRdvStreamer::finished, app, &QCoreApplication::quit);
 
         if (server->serviceFlag() > 0)

@@ -45,10 +45,8 @@ foreach(pair logs:${KORB_PKG_LOG_DIR} etc:${KORB_PKG_ETC_DIR} tmp:${KORB_PKG_TMP
 endforeach()
 
 install(FILES ${KORB_PKG_SOURCE}/${KORB_PKG_CONFIG} DESTINATION etc/${KORB_PKG_NAME})
-install(FILES
-  ${CMAKE_SOURCE_DIR}/tools/viewer/index.html ${CMAKE_SOURCE_DIR}/tools/viewer/viewer.js
-  ${CMAKE_SOURCE_DIR}/tools/viewer/viewer.css ${CMAKE_SOURCE_DIR}/tools/viewer/rdv_decoder.js
-  DESTINATION ${KORB_PKG_SHARE}/viewer)
+list(TRANSFORM KORB_VIEWER_FILES PREPEND ${CMAKE_SOURCE_DIR}/tools/viewer/ OUTPUT_VARIABLE KORB_PKG_VIEWER)
+install(FILES ${KORB_PKG_VIEWER} DESTINATION ${KORB_PKG_SHARE}/viewer)
 
 add_custom_command(OUTPUT ${KORB_PKG_BINARY}/${KORB_PKG_RECORDING}
   COMMAND korb_rdv_sim --write ${KORB_PKG_BINARY}/${KORB_PKG_RECORDING}

@@ -2,6 +2,7 @@
 
 #include "logger/korb_log.h"
 #include "src/korb_rdv_disk_writer.h"
+#include "src/korb_rdv_http_service.h"
 #include "src/korb_rdv_mqtt_edge.h"
 #include "src/korb_rdv_mqtt_link.h"
 #include "src/korb_rdv_mqtt_publisher.h"
@@ -29,6 +30,8 @@ bool KorbRdvAssembly::openPorts()
     m_server->setAccess(KorbRdvAccess::fromSettings(m_options.origins, m_options.tokenFile));
     m_playback = new KorbRdvPlayback(m_server, m_server);
     m_server->setPlayer(m_playback);
+    m_health = new KorbRdvHealth(this, [this] { return healthFigures(); });
+    m_server->setHttpService(new KorbRdvHttpService(m_server, m_health));
     if (!m_server->start(m_options.port)) {
         KTRACE << "no listen ws port" << m_options.port;
         KLOG(m_owner, -1,
@@ -86,7 +89,6 @@ void KorbRdvAssembly::attach(KorbRdvSource *source)
 
 bool KorbRdvAssembly::openBrokerLinks()
 {
-    m_health = new KorbRdvHealth(this, [this] { return healthFigures(); });
     QString subHost, pubHost;
     quint16 subPort = 0, pubPort = 0;
     QByteArray topic;
@@ -182,23 +184,39 @@ KorbRdvHealth::Figures KorbRdvAssembly::healthFigures() const
 {
     KorbRdvHealth::Figures f;
     f.packetsBuilt = WebSocketServer::broadcastCount();
-    f.wsClients = m_server->clientCount();
+    const int tls = m_server->tlsClientCount();
+    f.wsClients = {{"plain", m_server->clientCount() - tls}, {"tls", tls}};
     f.packetsReplaced = m_server->replacedPackets();
+    for (int i = 0; i < KorbRdvWsListener::Refusals; ++i) {
+        const auto reason = KorbRdvWsListener::Refusal(i);
+        f.clientsRefused.append({KorbRdvWsListener::refusalName(reason), m_server->refusals(reason)});
+    }
+    f.ingestToSend = m_server->ingestToSend();
+    f.publishing = m_publisher != nullptr;
     if (m_publisher)
         f.brokerDropped = m_publisher->link()->droppedPublishes();
+    f.recording = m_recorder != nullptr;
     if (m_recorder) {
         f.recordBytesWritten = m_writer->streamBytesWritten();
         f.recordFiles = m_writer->streamFiles();
         f.recordFramesDropped = m_recorder->framesDropped();
     }
+    const auto recent = [this](qint64 ageMs) {
+        return ageMs >= 0 && ageMs < qint64(m_options.healthSilenceS) * 1000;
+    };
     if (m_edge) {
         // The edge builds nothing: what it takes are packets, handed on as they are.
         f.source = QStringLiteral("mqtt");
         f.framesAccepted = m_edge->packetsReceived();
         f.packetsBuilt = m_edge->packetsForwarded();
+        f.lastFrameAgeMs = m_edge->lastFrameAgeMs();
+        f.sourceUp = m_edge->link()->isUp() && recent(f.lastFrameAgeMs);
     } else if (m_options.replay()) {
         f.source = QStringLiteral("file");
         f.framesAccepted = m_playback->scanner().framesAccepted();
+        f.lastFrameAgeMs = m_playback->lastFrameAgeMs();
+        // A recording plays whenever anyone listens; one without frames stops.
+        f.sourceUp = m_playback->isLoaded() && (m_playback->isPlaying() || m_server->consumerCount() == 0);
     } else if (m_udp || m_options.udp()) {
         f.source = QStringLiteral("udp");
         const KorbRdvStreamerUdp::Totals totals = KorbRdvStreamerUdp::totals();
@@ -207,12 +225,20 @@ KorbRdvHealth::Figures KorbRdvAssembly::healthFigures() const
         if (m_udp) {
             f.framesAccepted = m_udp->scanner().framesAccepted();
             f.kernelDrops = KorbRdvHealth::kernelDrops(m_udp->socketDescriptors());
+            f.lastFrameAgeMs = m_udp->lastFrameAgeMs();
         }
+        f.sourceUp = recent(f.lastFrameAgeMs);
     } else {
         f.source = QStringLiteral("tcp");
-        for (const QPointer<KorbRdvStreamerTcp> &tcp : m_tcpClients)
-            if (tcp)
-                f.framesAccepted += tcp->scanner().framesAccepted();
+        for (const QPointer<KorbRdvStreamerTcp> &tcp : m_tcpClients) {
+            if (!tcp)
+                continue;
+            f.framesAccepted += tcp->scanner().framesAccepted();
+            const qint64 age = tcp->lastFrameAgeMs();
+            if (age >= 0 && (f.lastFrameAgeMs < 0 || age < f.lastFrameAgeMs))
+                f.lastFrameAgeMs = age;
+        }
+        f.sourceUp = recent(f.lastFrameAgeMs);
     }
     return f;
 }

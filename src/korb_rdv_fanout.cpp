@@ -11,15 +11,16 @@
 
 KorbRdvFanOut::KorbRdvFanOut(QObject *parent, const Table &table) : QObject(parent), m_table(table) {}
 
-void KorbRdvFanOut::send(const QByteArray &packet)
+void KorbRdvFanOut::send(const QByteArray &packet, qint64 ingestNs)
 {
     if (m_holding) {
-        m_held.append(packet);
+        m_held.append({packet, ingestNs});
         return;
     }
     emit sent(packet);
     m_packetFrame = Rdv::wsBinaryFrame(packet);
     ++m_packetSeq;
+    m_stamps[m_packetSeq % StampedPackets] = {m_packetSeq, ingestNs};
     if (!m_passActive) {
         m_passActive = true;
         m_passFrame = m_packetFrame;
@@ -34,12 +35,12 @@ void KorbRdvFanOut::send(const QByteArray &packet)
 void KorbRdvFanOut::release(bool newestOnly)
 {
     m_holding = false;
-    QList<QByteArray> held;
+    QList<QPair<QByteArray, qint64>> held;
     held.swap(m_held);
     if (newestOnly && held.size() > 1)
         held.erase(held.begin(), held.end() - 1);
-    for (const QByteArray &packet : qAsConst(held))
-        send(packet);
+    for (const auto &packet : qAsConst(held))
+        send(packet.first, packet.second);
 }
 
 void KorbRdvFanOut::ready(QWebSocket *socket)
@@ -69,8 +70,12 @@ void KorbRdvFanOut::runSlice()
     };
     // Clients that have caught up take their waiting packet first.
     while (!m_ready.isEmpty()) {
-        if (KorbRdvWsClient *client = m_table.value(m_ready.takeFirst()))
+        if (KorbRdvWsClient *client = m_table.value(m_ready.takeFirst())) {
+            // It writes the packet waiting for it, its newest, if it can.
+            if (client->queuedBytes() == 0 && client->isConnected())
+                noteWritten(client->seq());
             client->writeWaiting();
+        }
         if (sliceOver())
             return;
     }
@@ -114,9 +119,26 @@ void KorbRdvFanOut::handOut(KorbRdvWsClient *client)
     // The packet of the pass first, so that no client misses it for coming
     // late in the table; then a newer one that came during the pass.
     if (client->seq() < m_passSeq)
-        m_replacedPackets += client->give(m_passFrame, m_passSeq);
+        m_replacedPackets += give(client, m_passFrame, m_passSeq);
     if (alive && client->seq() < m_packetSeq)
-        m_replacedPackets += client->give(m_packetFrame, m_packetSeq);
+        m_replacedPackets += give(client, m_packetFrame, m_packetSeq);
+}
+
+bool KorbRdvFanOut::give(KorbRdvWsClient *client, const QByteArray &frame, quint64 seq)
+{
+    // A client with nothing queued writes at once.
+    if (client->queuedBytes() == 0)
+        noteWritten(seq);
+    return client->give(frame, seq);
+}
+
+void KorbRdvFanOut::noteWritten(quint64 seq)
+{
+    Stamp &stamp = m_stamps[seq % StampedPackets];
+    if (stamp.seq != seq || stamp.ingestNs < 0)
+        return;
+    m_ingestToSend.observe(KorbRdvHistogram::clockNs() - stamp.ingestNs);
+    stamp.ingestNs = -1; // later writes are not the first
 }
 
 // Furthest behind is the client whose queue started to fill the earliest and

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "src/korb_rdv_histogram.h"
+
 #include <QByteArray>
 #include <QList>
 #include <QMap>
@@ -32,7 +34,9 @@ public:
     // `table` is the server's client table, read at every step of a pass.
     explicit KorbRdvFanOut(QObject *parent, const Table &table);
 
-    void send(const QByteArray &packet);
+    // `ingestNs`: when the read that completed its frames happened
+    // (KorbRdvHistogram::clockNs), -1 for a packet not made from a read.
+    void send(const QByteArray &packet, qint64 ingestNs = -1);
     // Packets sent between the two wait; `release` broadcasts them in order,
     // or with `newestOnly` the last one alone.
     void hold() { m_holding = true; }
@@ -43,6 +47,8 @@ public:
     quint64 newest() const { return m_packetSeq; }
     qint64 replacedPackets() const { return m_replacedPackets; }
     bool passActive() const { return m_passActive; }
+    // From the ingest of a packet to its first write to a client.
+    const KorbRdvHistogram &ingestToSend() const { return m_ingestToSend; }
     void setMaxQueuedBytes(qint64 bytes) { m_maxQueuedBytes = bytes; }
     qint64 maxQueuedBytes() const { return m_maxQueuedBytes; }
 
@@ -56,6 +62,10 @@ private:
     void queueSlice();
     void runSlice();
     void handOut(KorbRdvWsClient *client);
+    // Hands a packet to the client; false when none was replaced.
+    bool give(KorbRdvWsClient *client, const QByteArray &frame, quint64 seq);
+    // Packet `seq` has been written to a client: the first write is measured.
+    void noteWritten(quint64 seq);
     void endPass();
     void enforceQueuedBound();
 
@@ -73,5 +83,15 @@ private:
     QList<QWebSocket *> m_ready;
     qint64 m_replacedPackets = 0;
     bool m_holding = false;
-    QList<QByteArray> m_held;
+    QList<QPair<QByteArray, qint64>> m_held; // with their ingest moments
+    // The ingest moments of the newest packets by number, until their first
+    // write: a client may first write a packet after newer ones were made.
+    struct Stamp
+    {
+        quint64 seq = 0;
+        qint64 ingestNs = -1;
+    };
+    static constexpr int StampedPackets = 16;
+    Stamp m_stamps[StampedPackets];
+    KorbRdvHistogram m_ingestToSend;
 };

@@ -51,18 +51,32 @@ bool parseField(const QByteArray &line, KorbRdvHttpRequest *r)
     return true;
 }
 
+// Bytes at the end that may be the start of the blank line's "\r\n\r\n".
+int partialEnd(const QByteArray &bytes)
+{
+    static const QByteArray blank = QByteArrayLiteral("\r\n\r\n");
+    for (int n = 3; n > 0; --n) {
+        if (bytes.endsWith(blank.left(n)))
+            return n;
+    }
+    return 0;
+}
+
 } // namespace
 
 KorbRdvHttpRequest::Verdict KorbRdvHttpRequest::parse(const QByteArray &bytes, KorbRdvHttpRequest *r,
                                                       int *headSize)
 {
+    // A head that comes in pieces is judged as it will be whole: the bytes
+    // that may begin its line end or its blank line do not count yet.
+    const int settled = bytes.size() - partialEnd(bytes);
     const int lineEnd = bytes.indexOf("\r\n");
-    if (lineEnd < 0 ? bytes.size() > MaxRequestLine : lineEnd > MaxRequestLine)
+    if (lineEnd < 0 ? settled > MaxRequestLine : lineEnd > MaxRequestLine)
         return UriTooLong;
     if (lineEnd < 0)
         return Incomplete;
     const int end = bytes.indexOf("\r\n\r\n", lineEnd);
-    const int fieldsEnd = end < 0 ? bytes.size() : end;
+    const int fieldsEnd = end < 0 ? settled : end;
     if (fieldsEnd - lineEnd > MaxHeaderBytes)
         return HeadersTooLarge;
     if (end < 0)

@@ -11,7 +11,7 @@
 
 KorbRdvMqttEdge::KorbRdvMqttEdge(QObject *parent, KorbRdvSink *sink, QObject *commandSource,
                                  const QString &instance, const QByteArray &topic)
-    : KorbRdvSource(parent, sink, commandSource, 0, KorbRdvScanner::Pacing::Stream), m_sink(sink),
+    : KorbRdvSource(parent, sink, commandSource, 0, KorbRdvScanner::Pacing::Stream),
       m_link(new KorbRdvMqttLink(
           this, QStringLiteral("korbrdv-%1-%2-sub").arg(instance).arg(QCoreApplication::applicationPid())))
 {
@@ -45,7 +45,8 @@ bool KorbRdvMqttEdge::receiving() const
 
 void KorbRdvMqttEdge::take(const QByteArray &topic, const QByteArray &packet)
 {
-    ++m_received;
+    markIngest();
+    noteDelivered(++m_received);
     // Only what reads as a relay's packet goes to the clients.
     if (!Rdv::isPacket(packet)) {
         ++m_refused;

@@ -53,7 +53,6 @@ private:
     void release();
     void forward(const QByteArray &packet);
 
-    KorbRdvSink *const m_sink;
     KorbRdvMqttLink *m_link;
     qint64 m_received = 0;
     qint64 m_refused = 0;

@@ -11,6 +11,8 @@
 #include <QSettings>
 #include <QTextCodec>
 
+#include <limits>
+
 namespace {
 
 using Options = KorbRdvOptions;
@@ -62,7 +64,7 @@ bool takeTime(std::optional<qint64> *at, const QString &v)
     return true;
 }
 
-// A whole number in min..max.
+// A whole number in min..max; a refused one leaves the value as it was.
 template <typename T> bool takeNumber(T *to, const QString &v, qint64 min, qint64 max)
 {
     bool ok = false;
@@ -105,13 +107,9 @@ bool takeUdpPort(quint16 *port, const QString &v)
     return ok && p >= 1 && p <= 65534;
 }
 
-bool takeMaxClients(Options &o, const QString &v)
+bool takePositive(int *value, const QString &v)
 {
-    bool ok = false;
-    const int n = v.toInt(&ok);
-    if (ok && n >= 1)
-        o.maxClients = n;
-    return ok && n >= 1;
+    return takeNumber(value, v, 1, std::numeric_limits<int>::max());
 }
 
 bool takePort(Options &o, const QString &v)
@@ -175,22 +173,22 @@ bool nextIsValue(const QStringList &args, int i)
 }
 
 // Applies one option's value and reports a refusal on the console.
-void take(Options &o, const Options::Spec &spec, const QString &value)
+void take(Options &o, const Options::Row &row, const QString &value)
 {
-    o.given.insert(spec.name ? QString::fromLatin1(spec.name) : QString::fromLatin1(spec.iniKey));
-    if (spec.apply(o, value))
+    o.given.insert(row.name ? QString::fromLatin1(row.name) : QString::fromLatin1(row.iniKey));
+    if (row.apply(o, value))
         return;
-    KTRACE << QStringLiteral("err arg %1: ").arg(bareName(spec.name ? spec.name : spec.iniKey)) << value;
-    if (!spec.refusal.isEmpty())
-        KTRACE << spec.refusal;
+    KTRACE << QStringLiteral("err arg %1: ").arg(bareName(row.name ? row.name : row.iniKey)) << value;
+    if (!row.refusal.isEmpty())
+        KTRACE << row.refusal;
 }
 
 } // namespace
 
-const QVector<KorbRdvOptions::Spec> &KorbRdvOptions::table()
+const QVector<KorbRdvOptions::Row> &KorbRdvOptions::table()
 {
     // clang-format off
-    static const QVector<Spec> rows = {
+    static const QVector<Row> rows = {
         {"-p", Form::Word, nullptr, "PORT", QString::number(Korb::DefaultPort), "WebSocket port (0x.. hexadecimal)",
          takePort},
         {"-ps", Form::Word, nullptr, "PORT", "none",
@@ -250,7 +248,8 @@ const QVector<KorbRdvOptions::Spec> &KorbRdvOptions::table()
          "send interval (at least 2); clients change it with `ims:MS`", takeInterval,
          QStringLiteral("arg interval_ms default: %1").arg(Korb::DefaultSendIntervalMs)},
         {"-max_clients=", Form::Attached, nullptr, "N", QString::number(Korb::DefaultMaxClients),
-         "WebSocket clients served at once; more are refused with close code 1013", takeMaxClients},
+         "WebSocket clients served at once; more are refused with close code 1013",
+         [](Options &o, const QString &v) { return takePositive(&o.maxClients, v); }},
         {"-lt", Form::Word, nullptr, "LEVEL", QString::number(Korb::DefaultLogThreshold),
          "log threshold: 0 errors, 1 warnings, 2 information, 3 debug (not a number: 0)",
          [](Options &o, const QString &v) { o.logThreshold = v.toInt(&o.logThresholdValid); return true; }},
@@ -276,6 +275,9 @@ const QVector<KorbRdvOptions::Spec> &KorbRdvOptions::table()
         {nullptr, Form::File, "tls/key", "FILE", QLatin1String(Korb::DefaultTlsKey),
          "the TLS port's private key (PEM, not readable by others)",
          [](Options &o, const QString &v) { o.tlsKey = v; return true; }},
+        {nullptr, Form::File, "http/health_silence_s", "S", QString::number(Options::DefaultHealthSilenceS),
+         "seconds without a frame after which `/healthz` calls a live source stale (at least 1)",
+         [](Options &o, const QString &v) { return takePositive(&o.healthSilenceS, v); }},
     };
     // clang-format on
     return rows;
@@ -286,15 +288,15 @@ KorbRdvOptions KorbRdvOptions::parse(const QStringList &args)
     Options o;
     for (int i = 1; i < args.size(); ++i) {
         const QString &a = args.at(i);
-        for (const Spec &spec : table()) {
-            const QLatin1String name(spec.name ? spec.name : "");
-            if (spec.form == Form::Attached && a.startsWith(name)) {
-                take(o, spec, a.mid(a.indexOf(QLatin1Char('=')) + 1));
-            } else if (spec.form == Form::Flag && a.compare(name, Qt::CaseInsensitive) == 0) {
-                take(o, spec, QString());
-            } else if (spec.form == Form::Word && a.compare(name, Qt::CaseInsensitive) == 0) {
+        for (const Row &row : table()) {
+            const QLatin1String name(row.name ? row.name : "");
+            if (row.form == Form::Attached && a.startsWith(name)) {
+                take(o, row, a.mid(a.indexOf(QLatin1Char('=')) + 1));
+            } else if (row.form == Form::Flag && a.compare(name, Qt::CaseInsensitive) == 0) {
+                take(o, row, QString());
+            } else if (row.form == Form::Word && a.compare(name, Qt::CaseInsensitive) == 0) {
                 if (nextIsValue(args, i))
-                    take(o, spec, args.at(++i));
+                    take(o, row, args.at(++i));
             } else {
                 continue;
             }
@@ -326,12 +328,12 @@ void KorbRdvOptions::readConfigFile()
 {
     QSettings settings(configFile, QSettings::IniFormat);
     settings.setIniCodec(QTextCodec::codecForName("System"));
-    for (const Spec &spec : table()) {
-        const QString key = QString::fromLatin1(spec.iniKey ? spec.iniKey : "");
-        if (key.isEmpty() || given.contains(spec.name ? QString::fromLatin1(spec.name) : key) ||
+    for (const Row &row : table()) {
+        const QString key = QString::fromLatin1(row.iniKey ? row.iniKey : "");
+        if (key.isEmpty() || given.contains(row.name ? QString::fromLatin1(row.name) : key) ||
             !settings.contains(key))
             continue;
-        if (!spec.apply(*this, settings.value(key).toString()))
+        if (!row.apply(*this, settings.value(key).toString()))
             KLOG(nullptr, 1,
                  QObject::tr("%1: значение %2=%3 не принято")
                      .arg(configFile, key, settings.value(key).toString()));

@@ -30,7 +30,7 @@ struct KorbRdvOptions
     // One row of the table. `apply` takes the value into the options and
     // says whether it was accepted; the parser reports a refused value on
     // the console, followed by `refusal` when there is one.
-    struct Spec
+    struct Row
     {
         const char *name; // as typed, with its "=" for the attached form
         Form form;
@@ -41,7 +41,7 @@ struct KorbRdvOptions
         bool (*apply)(KorbRdvOptions &options, const QString &value);
         QString refusal; // what a refused value leaves
     };
-    static const QVector<Spec> &table();
+    static const QVector<Row> &table();
 
     // Reads `arguments` (the program's own name first), then, unless -nofile
     // was given, the configuration file for the keys the command line left
@@ -74,6 +74,8 @@ struct KorbRdvOptions
     // Dump files kept together (-dump_quota_mb=), default and largest (as MaxTotalMb).
     static constexpr qint64 DefaultDumpQuotaMb = 1024;
     static constexpr qint64 MaxDumpQuotaMb = Recording::MaxTotalMb;
+    // Seconds without a frame after which /healthz calls a live source stale.
+    static constexpr int DefaultHealthSilenceS = 10;
 
     bool replay() const { return !replayFile.isEmpty(); }
     bool udp() const { return udpPorts[0] && udpPorts[1]; }
@@ -103,6 +105,7 @@ struct KorbRdvOptions
     QString tokenFile;              // absolute; when it exists, only its tokens' holders may steer
     qint64 dumpQuotaMb = DefaultDumpQuotaMb;
     Recording recording;
+    int healthSilenceS = DefaultHealthSilenceS;
 
     // Names (or INI keys) of the options the command line gave.
     QSet<QString> given;

@@ -169,6 +169,7 @@ bool KorbRdvPlayback::step()
 {
     if (!m_image)
         return false;
+    markIngest(); // the frames that fall due now are read now
     for (;;) {
         const int at = nextFrame(m_pos);
         if (at < 0)
@@ -199,7 +200,9 @@ bool KorbRdvPlayback::step()
         m_prevMs = ms;
         m_pos = at + length;
         m_passHasFrames = true;
-        if (m_scan.accept(f)) {
+        const bool sent = m_scan.accept(f);
+        noteDelivered(m_scan.framesAccepted());
+        if (sent) {
             m_passBytes += length;
         } else {
             ++m_thinned;

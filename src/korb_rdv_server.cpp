@@ -104,16 +104,6 @@ KorbRdvStreamer::~KorbRdvStreamer()
         m_lock.detach();
 }
 
-const KorbRdvOptions &KorbRdvStreamer::options() const
-{
-    return m_assembly->options();
-}
-
-WebSocketServer *KorbRdvStreamer::server() const
-{
-    return m_assembly->server();
-}
-
 bool KorbRdvStreamer::takeInstanceLock(quint16 port)
 {
     const QString key = QStringLiteral("%1-%2").arg(QLatin1String(Korb::ProgramName)).arg(port);
@@ -326,6 +316,11 @@ void KorbRdvStreamer::iniR(const QString &path)
 }
 
 void KorbRdvStreamer::qExit(QObject *)
+{
+    exitOnHandledSignal();
+}
+
+void KorbRdvStreamer::exitOnHandledSignal()
 {
     if (Korb::lastHandledSignal != 0)
         std::exit(Korb::lastHandledSignal);

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "korb_version.h"
-#include "src/korb_rdv_options.h"
+#include "src/korb_rdv_assembly.h"
 
 #include <QObject>
 #include <QSharedMemory>
@@ -10,7 +10,6 @@
 
 class QFileSystemWatcher;
 class QTimer;
-class KorbRdvAssembly;
 class WebSocketServer;
 
 // The one application object of the daemon: reads the application's own
@@ -33,15 +32,18 @@ public:
                              const QString &serviceName = QString());
     ~KorbRdvStreamer() override;
 
+    // After a handled signal, ends the process with the signal's number.
+    static void exitOnHandledSignal();
+
     // Re-arms the TCP clients and opens the UDP receiver when both ports are set.
     bool createConnect();
     // Service pause: stops the TCP clients and removes the pid file.
     void pause();
 
     // What the command line settled, and the relay made from it.
-    const KorbRdvOptions &options() const;
+    const KorbRdvOptions &options() const { return m_assembly->options(); }
     KorbRdvAssembly *assembly() const { return m_assembly; }
-    WebSocketServer *server() const;
+    WebSocketServer *server() const { return m_assembly->server(); }
     qint8 serviceFlag() const { return m_serviceFlag; }
     QString label() const;
     QString pidFilePath();

@@ -23,4 +23,8 @@ public:
     // that is already old.
     virtual void holdPackets() {}
     virtual void releasePackets(bool newestOnly) { Q_UNUSED(newestOnly) }
+    // A source has just read bytes (a datagram, a message, a frame due in a
+    // recording) that may complete frames: the packets made from them count
+    // their way to the clients from this moment.
+    virtual void markIngest() {}
 };

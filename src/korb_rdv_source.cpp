@@ -3,6 +3,7 @@
 #include "logger/korb_log.h"
 #include "src/korb_env.h"
 #include "src/korb_rdv_disk_writer.h"
+#include "src/korb_rdv_sink.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -13,7 +14,7 @@
 
 KorbRdvSource::KorbRdvSource(QObject *parent, KorbRdvSink *sink, QObject *commandSource, int watchdogMs,
                              KorbRdvScanner::Pacing pacing)
-    : QObject(parent), m_scan(sink, pacing), m_watchdogMs(watchdogMs)
+    : QObject(parent), m_sink(sink), m_scan(sink, pacing), m_watchdogMs(watchdogMs)
 {
     if (commandSource) {
         connect(commandSource, SIGNAL(runCmd(quint16)), this, SLOT(runCmd(quint16)));
@@ -121,6 +122,20 @@ bool KorbRdvSource::ensureBuffer()
     if (m_scan.hasBuffer())
         return false;
     return m_scan.resetBuffer(m_bufferCapacity);
+}
+
+void KorbRdvSource::markIngest()
+{
+    if (m_sink)
+        m_sink->markIngest();
+}
+
+void KorbRdvSource::noteDelivered(qint64 delivered)
+{
+    if (delivered == m_delivered)
+        return;
+    m_delivered = delivered;
+    m_lastFrame.start();
 }
 
 void KorbRdvSource::noteData()

@@ -43,6 +43,10 @@ public:
     // exists (default: the largest, 64 MiB).
     void setBufferCapacity(int bytes) { m_bufferCapacity = bytes; }
 
+    // Milliseconds since the source last delivered a frame (an edge: a
+    // message); -1 before the first.
+    qint64 lastFrameAgeMs() const { return m_lastFrame.isValid() ? m_lastFrame.elapsed() : -1; }
+
     // Serial number the next dump file name will carry.
     int fileCounter() const { return m_fileCounter; }
     // Where the dumps are written, and what all dump files may take
@@ -83,12 +87,18 @@ protected:
     // size granted; the first shortfall of the source is logged as a warning
     // that names the net.core.rmem_max needed.
     int requestReceiveBuffer(qintptr descriptor);
+    // A read has brought bytes that may complete frames (KorbRdvSink::markIngest).
+    void markIngest();
+    // `delivered` is the source's running count of frames: the clock of
+    // lastFrameAgeMs() starts again when it has grown.
+    void noteDelivered(qint64 delivered);
     // Data has arrived: the silence watchdog counts from now. One timer
     // serves a whole burst; it is armed again only when it fires early.
     void noteData();
     void stopWatchdog();
     void timerEvent(QTimerEvent *event) override;
 
+    KorbRdvSink *const m_sink;
     KorbRdvScanner m_scan;
 
 private:
@@ -98,6 +108,8 @@ private:
     int m_watchdogMs;
     int m_watchdogId = 0;
     QElapsedTimer m_lastData;
+    QElapsedTimer m_lastFrame;
+    qint64 m_delivered = 0;
     QElapsedTimer m_dumpClock;
     QQueue<qint64> m_dumpTimes; // of the dumps within the last DumpWindowMs
     int m_fileCounter = 0;

@@ -302,7 +302,9 @@ void KorbRdvStreamerTcp::readyRead()
             KTRACE << "read" << n << got;
             return;
         }
+        markIngest();
         m_scan.commit(n, verbose);
+        noteDelivered(m_scan.framesAccepted());
         verbose = false;
     }
 }

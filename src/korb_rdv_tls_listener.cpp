@@ -38,6 +38,11 @@ KorbRdvTlsListener::KorbRdvTlsListener(QObject *parent, qint64 replyBound, qint6
 {
 }
 
+bool KorbRdvTlsListener::inHandshake(KorbRdvTlsSocket *socket) const
+{
+    return !socket->upgraded() && !m_noUpgrade.contains(socket);
+}
+
 KorbRdvClientLink *KorbRdvTlsListener::newLink(qint64 replyBound)
 {
     return new KorbRdvTlsSocket(this, replyBound);
@@ -49,12 +54,13 @@ void KorbRdvTlsListener::admit(KorbRdvClientLink *link)
     socket->setSslConfiguration(m_configuration);
     // At once: the client's upgrade request may follow in the same read.
     connect(socket, &QSslSocket::encrypted, this, [this, socket] { awaitRequest(socket); });
+    connect(socket, &QObject::destroyed, this, [this, socket] { m_noUpgrade.remove(socket); });
     connect(socket, &QAbstractSocket::errorOccurred, this, [this, socket] {
-        if (!socket->upgraded())
+        if (inHandshake(socket))
             fail(socket, socket->errorString());
     });
     QTimer::singleShot(HandshakeTimeoutMs, socket, [this, socket] {
-        if (!socket->upgraded())
+        if (inHandshake(socket))
             fail(socket, tr("не завершено за %1 мс").arg(HandshakeTimeoutMs));
     });
     socket->startServerEncryption();
@@ -65,7 +71,7 @@ void KorbRdvTlsListener::fail(KorbRdvTlsSocket *socket, const QString &reason)
     // The peer's port is left out, so that one client's retries fold into one line.
     KLOGF(this, 1,
           tr("рукопожатие TLS с %1 не состоялось: %2").arg(socket->peerAddress().toString(), reason));
+    emit refused(Handshake);
     socket->disconnect(this);
-    socket->abort();
-    socket->deleteLater();
+    drop(socket);
 }

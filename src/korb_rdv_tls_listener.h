@@ -34,9 +34,14 @@ public:
 protected:
     KorbRdvClientLink *newLink(qint64 replyBound) override;
     void admit(KorbRdvClientLink *link) override;
+    void endsWithoutUpgrade(QTcpSocket *socket) override { m_noUpgrade.insert(socket); }
 
 private:
     void fail(KorbRdvTlsSocket *socket, const QString &reason);
+    // TLS and the upgrade still to come, and no response or refusal instead.
+    bool inHandshake(KorbRdvTlsSocket *socket) const;
 
     const QSslConfiguration m_configuration;
+    // Whose request was refused or is answered: the response path ends them.
+    QSet<QTcpSocket *> m_noUpgrade;
 };

@@ -234,6 +234,7 @@ bool KorbRdvStreamerUdp::readOne(QUdpSocket *udpSocket, int udpNum)
     const qint64 got = udpSocket->readDatagram(d, MaxDatagramSize);
     if (got < 0)
         return false;
+    markIngest();
     if (got == 0) {
         KTRACE << "rcnt" << got;
         dropFrame(udpNum);
@@ -252,6 +253,7 @@ void KorbRdvStreamerUdp::takeDatagram(int udpNum, const QByteArray &datagram)
         ++s_counters.udpEr;
         return;
     }
+    markIngest();
     char *const d = receiveSlot(udpNum);
     std::memcpy(d, datagram.constData(), size_t(datagram.size()));
     acceptDatagram(udpNum, settle(udpNum, d, datagram.size()), datagram.size());
@@ -336,6 +338,7 @@ void KorbRdvStreamerUdp::acceptDatagram(int udpNum, char *d, int size)
         // where the scanner cannot see it coming.
         if (const char *const kept = m_scan.append(done, m_frameLen[udpNum]))
             m_scan.accept(kept);
+        noteDelivered(m_scan.framesAccepted());
     }
     m_frame[udpNum] = f;
     m_frameLen[udpNum] = Rdv::frameLength(f);

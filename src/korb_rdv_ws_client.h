@@ -24,6 +24,7 @@ public:
     explicit KorbRdvWsClient(QObject *parent, QWebSocket *socket, KorbRdvClientLink *link, quint64 seq);
 
     QWebSocket *socket() const { return m_socket; }
+    KorbRdvClientLink *link() const { return m_link; }
     // The descriptor in messages and in sendClient/removeClient: the socket pointer.
     quint64 descriptor() const { return quint64(quintptr(m_socket)); }
     // The newest packet handed over, written or waiting.

@@ -14,6 +14,12 @@ KorbRdvWsListener::KorbRdvWsListener(QObject *parent, qint64 replyBound, qint64 
 {
 }
 
+const char *KorbRdvWsListener::refusalName(Refusal reason)
+{
+    static const char *const names[Refusals] = {"limit", "handshake", "origin"};
+    return names[reason];
+}
+
 KorbRdvClientLink *KorbRdvWsListener::newLink(qint64 replyBound)
 {
     return new KorbRdvClientSocket(this, replyBound);
@@ -48,10 +54,13 @@ void KorbRdvWsListener::examine(KorbRdvClientLink *link)
         return;
     m_awaiting.remove(socket);
     disconnect(socket, &QIODevice::readyRead, this, nullptr);
-    if (verdict != KorbRdvHttpRequest::Complete)
+    if (verdict != KorbRdvHttpRequest::Complete) {
         refuse(socket, verdict, QString::fromLatin1(Korb::httpReason(verdict)));
-    else
-        emit request(link, head);
+        return;
+    }
+    if (!head.isWebSocketUpgrade())
+        endsWithoutUpgrade(socket);
+    emit request(link, head);
 }
 
 void KorbRdvWsListener::refuse(QTcpSocket *socket, int status, const QString &why)
@@ -59,12 +68,19 @@ void KorbRdvWsListener::refuse(QTcpSocket *socket, int status, const QString &wh
     // The peer's port is left out, so that one client's retries fold into one line.
     KLOGF(parent(), 1, tr("запрос с %1 отклонён: %2").arg(socket->peerAddress().toString(), why));
     m_awaiting.remove(socket);
-    if (status) {
+    endsWithoutUpgrade(socket);
+    emit refused(Handshake);
+    if (status)
         respond(socket, Korb::httpResponse(status));
-    } else {
-        socket->abort();
-        socket->deleteLater();
-    }
+    else
+        drop(socket);
+}
+
+void KorbRdvWsListener::drop(QTcpSocket *socket)
+{
+    m_awaiting.remove(socket);
+    socket->abort();
+    socket->deleteLater();
 }
 
 void KorbRdvWsListener::respond(QTcpSocket *socket, const QByteArray &response)
@@ -92,8 +108,8 @@ void KorbRdvWsListener::incomingConnection(qintptr descriptor)
         // Before the handshake there is no WebSocket to say why.
         KLOGF(parent(), 1,
               tr("соединение отклонено: %1 соединений ещё не установили WebSocket").arg(m_maxHandshakes));
-        socket->abort();
-        socket->deleteLater();
+        emit refused(Limit);
+        drop(socket);
         return;
     }
     socket->setReadBufferSize(m_readBufferSize);

@@ -31,6 +31,14 @@ public:
     // A response gets this long to leave before its connection is cut.
     static constexpr int ResponseGraceMs = 5000;
 
+    // Why a connection was refused before it became a client: the client
+    // limit, a handshake that failed or stalled (TLS, the request, the
+    // upgrade), an origin the relay does not serve.
+    enum Refusal { Limit, Handshake, Origin };
+    static constexpr int Refusals = Origin + 1;
+    // The reason as the figures name it.
+    static const char *refusalName(Refusal reason);
+
     // `replyBound` is passed on to every client socket; a client's input is
     // taken `readBufferSize` bytes per event-loop turn.
     explicit KorbRdvWsListener(QObject *parent, qint64 replyBound, qint64 readBufferSize);
@@ -48,6 +56,7 @@ signals:
     // A connection, in a new socket that is a child of the listener, has
     // sent the whole head of its first request; the bytes are still unread.
     void request(KorbRdvClientLink *link, const KorbRdvHttpRequest &request);
+    void refused(KorbRdvWsListener::Refusal reason);
 
 protected:
     void incomingConnection(qintptr descriptor) override;
@@ -58,6 +67,11 @@ protected:
     virtual void admit(KorbRdvClientLink *link);
     // Reads the head of the connection's first request, then emits request().
     void awaitRequest(KorbRdvClientLink *link);
+    // Closes at once a connection that has not become a client.
+    void drop(QTcpSocket *socket);
+    // The connection will not become a WebSocket: its request was refused,
+    // or is answered by a response that ends it.
+    virtual void endsWithoutUpgrade(QTcpSocket *socket) { Q_UNUSED(socket) }
 
 private:
     void examine(KorbRdvClientLink *link);

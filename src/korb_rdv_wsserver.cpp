@@ -4,15 +4,22 @@
 #include "src/korb_rdv_client_link.h"
 #include "src/korb_rdv_command.h"
 #include "src/korb_rdv_http.h"
+#include "src/korb_rdv_http_service.h"
 #include "src/korb_rdv_packet.h"
 #include "src/korb_rdv_settings.h"
 #include "src/korb_rdv_ws_client.h"
 
 #include <QCoreApplication>
+#include <QSslSocket>
 
 int WebSocketServer::s_broadcastCount = 0;
 
 namespace {
+bool overTls(KorbRdvClientLink *link)
+{
+    return qobject_cast<QSslSocket *>(link->socket()) != nullptr;
+}
+
 // Whether a value can be sent: text or bytes; anything else is reported.
 bool sendable(const QObject *server, const QVariant &data)
 {
@@ -37,6 +44,9 @@ WebSocketServer::WebSocketServer(QObject *parent, quint16 port)
     connect(this, &QWebSocketServer::newConnection, this, &WebSocketServer::onNewConnection);
     connect(m_fanOut, &KorbRdvFanOut::overQueued, this, &WebSocketServer::cutOff);
     connect(m_fanOut, &KorbRdvFanOut::sent, this, &WebSocketServer::binaryBroadcast);
+    // Qt's handshake refused the upgrade.
+    connect(this, &QWebSocketServer::serverError, this,
+            [this] { ++m_refusals[KorbRdvWsListener::Handshake]; });
 }
 
 WebSocketServer::~WebSocketServer()
@@ -84,19 +94,22 @@ void WebSocketServer::addListener(KorbRdvWsListener *listener)
     m_listeners.append(listener);
     listener->setMaxHandshakes(m_maxClients);
     connect(listener, &KorbRdvWsListener::request, this, &WebSocketServer::onRequest);
+    connect(listener, &KorbRdvWsListener::refused, this,
+            [this](KorbRdvWsListener::Refusal reason) { ++m_refusals[reason]; });
 }
 
 void WebSocketServer::onRequest(KorbRdvClientLink *link, const KorbRdvHttpRequest &request)
 {
     QTcpSocket *const socket = link->socket();
     if (!request.isWebSocketUpgrade()) {
-        KorbRdvWsListener::respond(socket, Korb::httpResponse(404));
+        KorbRdvWsListener::respond(socket, m_http ? m_http->answer(request, overTls(link)) : Korb::httpResponse(404));
         return;
     }
     if (!m_access.originAllowed(request)) {
         KLOGF(this, 1,
               tr("WebSocket с %1 отклонён: страница %2 не из разрешённых источников (-origins=)")
                   .arg(socket->peerAddress().toString(), QString::fromLatin1(request.header("origin"))));
+        ++m_refusals[KorbRdvWsListener::Origin];
         KorbRdvWsListener::respond(socket, Korb::httpResponse(403));
         return;
     }
@@ -140,6 +153,7 @@ void WebSocketServer::onNewConnection()
         link = link ? link : listener->takeHandshake(socket);
     if (!link || m_clients.size() >= m_maxClients) {
         KLOGF(this, 1, tr("клиент отклонён: подключено предельное число клиентов (%1)").arg(m_maxClients));
+        ++m_refusals[KorbRdvWsListener::Limit];
         connect(socket, &QWebSocket::disconnected, socket, &QObject::deleteLater);
         // Closing lingers until the client has the close frame (see KorbRdvClientLink).
         socket->close(CloseCodeTryAgainLater, QStringLiteral("too many clients"));
@@ -159,6 +173,14 @@ void WebSocketServer::onNewConnection()
            << (client->mayCommand() ? "operator" : "viewer") << "clients:" << m_clients.size();
     // A first listener hears the recording from its start.
     follow(consumerCount() == 1);
+}
+
+int WebSocketServer::tlsClientCount() const
+{
+    int n = 0;
+    for (const KorbRdvWsClient *client : m_clients)
+        n += overTls(client->link());
+    return n;
 }
 
 void WebSocketServer::onDisconnected()
@@ -254,7 +276,7 @@ void WebSocketServer::sendRdv(const RdvFrame *frame)
     if (!frame || consumerCount() == 0)
         return;
     ++s_broadcastCount;
-    m_fanOut->send(Rdv::buildPacket(frame));
+    m_fanOut->send(Rdv::buildPacket(frame), m_ingestNs);
 }
 
 void WebSocketServer::sendRdv(const RdvChannelMap &channels)
@@ -266,12 +288,17 @@ void WebSocketServer::sendRdv(const RdvChannelMap &channels)
     if (oversize)
         KTRACE << "length Oversize quint16";
     ++s_broadcastCount;
-    m_fanOut->send(packet);
+    m_fanOut->send(packet, m_ingestNs);
 }
 
 void WebSocketServer::sendPacket(const QByteArray &packet)
 {
-    m_fanOut->send(packet);
+    m_fanOut->send(packet, m_ingestNs);
+}
+
+void WebSocketServer::markIngest()
+{
+    m_ingestNs = KorbRdvHistogram::clockNs();
 }
 
 void WebSocketServer::onReadyReadT(const QString &message)

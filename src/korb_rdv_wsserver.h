@@ -14,6 +14,7 @@
 #include <QWebSocket>
 #include <QWebSocketServer>
 
+class KorbRdvHttpService;
 class KorbRdvWsClient;
 
 // The daemon's only outward data interface: a WebSocket server (plain, and
@@ -76,6 +77,8 @@ public:
     void sendAllClients(const QVariant &data);
     bool removeClient(quint64 descriptor);
     int clientCount() const override { return m_clients.size(); }
+    // Clients of the TLS port alone.
+    int tlsClientCount() const;
     // Clients plus the consumers outside the table (a broker link that
     // publishes the packets, a recorder that keeps the frames whose packets
     // went out): packets are built, and playback runs, while there is any.
@@ -88,11 +91,14 @@ public:
     void sendPacket(const QByteArray &packet) override;
     void holdPackets() override { m_fanOut->hold(); }
     void releasePackets(bool newestOnly) override { m_fanOut->release(newestOnly); }
+    void markIngest() override;
 
     // Who may connect and who may steer; without it, everyone may.
     void setAccess(const KorbRdvAccess &access) { m_access = access; }
     // What replays a recording; without one, setFileNm loads nothing.
     void setPlayer(KorbRdvPlayer *player) { m_player = player; }
+    // What answers requests that are no WebSocket upgrade; without it, 404.
+    void setHttpService(const KorbRdvHttpService *service) { m_http = service; }
     // Loads a recording for playback (the player's load rules).
     bool setFileNm(const QString &name);
     // Whether the playback timer runs, and its period.
@@ -105,6 +111,10 @@ public:
     qint64 replacedPackets() const { return m_fanOut->replacedPackets(); }
     // A pass of the broadcast is under way (more slices to come).
     bool broadcastInProgress() const { return m_fanOut->passActive(); }
+    // From the read that completed a frame to the first client write of its packet.
+    const KorbRdvHistogram &ingestToSend() const { return m_fanOut->ingestToSend(); }
+    // Connections refused for `reason` since the server started.
+    qint64 refusals(KorbRdvWsListener::Refusal reason) const { return m_refusals[reason]; }
 
 signals:
     void connected(QWebSocket *socket);
@@ -146,4 +156,7 @@ private:
     KorbRdvFanOut *m_fanOut;
     KorbRdvPlayer *m_player = nullptr;
     KorbRdvAccess m_access;
+    const KorbRdvHttpService *m_http = nullptr;
+    qint64 m_ingestNs = -1; // the latest KorbRdvSink::markIngest()
+    qint64 m_refusals[KorbRdvWsListener::Refusals] = {};
 };

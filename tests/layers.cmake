@@ -51,7 +51,7 @@ endfunction()
 set(sink_units src/korb_rdv_wsserver src/korb_rdv_fanout src/korb_rdv_ws_client src/korb_rdv_ws_listener
   src/korb_rdv_tls_listener src/korb_rdv_tls_socket src/korb_rdv_tls src/korb_rdv_client_link
   src/korb_rdv_client_socket src/korb_rdv_command src/korb_rdv_player src/korb_rdv_mqtt_publisher src/korb_rdv_http
-  src/korb_rdv_access)
+  src/korb_rdv_access src/korb_rdv_http_service src/korb_rdv_histogram)
 set(source_units src/korb_rdv_source src/korb_rdv_playback src/korb_rdv_udp_cli src/korb_rdv_tcp_cli
   src/korb_rdv_mqtt_edge)
 

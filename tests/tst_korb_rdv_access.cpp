@@ -58,10 +58,12 @@ private slots:
         QByteArrayList fields{"Host: 127.0.0.1:" + port};
         if (!origin.isNull())
             fields << "Origin: " + origin.replace("%P", port);
+        const qint64 refused = m_server.refusals(KorbRdvWsListener::Origin);
         QTcpSocket socket;
         socket.connectToHost(QHostAddress::LocalHost, m_server.serverPort());
         const QByteArray head = rawRequest(socket, "/", fields, true);
         QVERIFY2(head.startsWith(upgraded ? "HTTP/1.1 101 " : "HTTP/1.1 403 "), head.constData());
+        QCOMPARE(m_server.refusals(KorbRdvWsListener::Origin), refused + (upgraded ? 0 : 1));
     }
 
     void roles_data()

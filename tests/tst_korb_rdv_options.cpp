@@ -39,6 +39,7 @@ QString settled(const KorbRdvOptions &o, const QString &root)
                            .arg(o.recording.gated),
                        QStringLiteral("window=%1,%2").arg(opt(o.replayFromMs), opt(o.replayToMs)),
                        "dumps=" + QString::number(o.dumpQuotaMb),
+                       "silence=" + QString::number(o.healthSilenceS),
                        ""}
         .join(' ');
 }
@@ -56,7 +57,8 @@ private slots:
         QFile rec(m_tmp.filePath("rec.rdv"));
         QVERIFY(rec.open(QIODevice::WriteOnly) && QDir(m_tmp.path()).mkpath("etc"));
         for (const auto &[name, text] :
-             {std::pair{"relay", "[tls]\ncertificate=/pki/relay.crt\nkey=relay.key\n[domains]\nx=1\n"},
+             {std::pair{"relay", "[tls]\ncertificate=/pki/"
+                                 "relay.crt\nkey=relay.key\n[http]\nhealth_silence_s=3\n[domains]\nx=1\n"},
               {"record", "[record]\ndir=/srv/rec\nfile_mb=1\ntotal_mb=3\nkeep_days=2\ngated=TRUE\n"
                          "[access]\ndump_quota_mb=5\n"},
               {"refused", "[record]\nfile_mb=65\ntotal_mb=0\nkeep_days=x\ngated=yes\n"}}) {
@@ -70,7 +72,7 @@ private slots:
         QTest::addColumn<QStringList>("arguments");
         QTest::addColumn<QString>("expected"); // items of settled(), each followed by a blank
         // clang-format off
-        QTest::newRow("nothing given: the defaults") << QStringList{} << "port=3005 tls=0 device=127.0.0.1:3005 udp=0,0 interval=- clients=1024 replay= mqtt=| lt=-? ld= tc= cfg=~/etc/KorbRdv_streamer.ini nofile=0 cert=~/etc/korb.crt key=~/etc/korb.key record=,64,10240,7,0 window=-,- dumps=1024";
+        QTest::newRow("nothing given: the defaults") << QStringList{} << "port=3005 tls=0 device=127.0.0.1:3005 udp=0,0 interval=- clients=1024 replay= mqtt=| lt=-? ld= tc= cfg=~/etc/KorbRdv_streamer.ini nofile=0 cert=~/etc/korb.crt key=~/etc/korb.key record=,64,10240,7,0 window=-,- dumps=1024 silence=10";
         QTest::newRow("-p 0 and -p 1 end as 3005") << QStringList{"-p", "1", "-p", "0"} << "port=3005";
         QTest::newRow("-p 0x10 hexadecimal; ff hexadecimal when not decimal") << QStringList{"-p", "0x10", "-P", "ff"} << "port=255";
         QTest::newRow("-p 65534 and a value of neither base end as 3005") << QStringList{"-p", "65534", "-p", "zz"} << "port=3005";
@@ -93,7 +95,7 @@ private slots:
         QTest::newRow("-lt abc: errors only") << QStringList{"-lt", "abc"} << "lt=0?";
         QTest::newRow("-LT 3, -ld and -tc in any case") << QStringList{"-LT", "3", "-LD", "../journal", "-Tc", "cp1251"} << "lt=3 ld=~/journal tc=cp1251";
         QTest::newRow("-cfg -nofile: no value, -nofile an option of its own") << QStringList{"-cfg", "-nofile"} << "cfg=~/etc/KorbRdv_streamer.ini nofile=1 cert=~/etc/korb.crt";
-        QTest::newRow("-cfg of a relative name: in ../etc; its [tls] keys") << QStringList{"-cfg", "relay.ini"} << "cfg=~/etc/relay.ini cert=/pki/relay.crt key=~/bin/relay.key";
+        QTest::newRow("-cfg of a relative name: in ../etc; its [tls] and [http] keys") << QStringList{"-cfg", "relay.ini"} << "cfg=~/etc/relay.ini cert=/pki/relay.crt key=~/bin/relay.key silence=3";
         QTest::newRow("-nofile: the configuration's keys are not read") << QStringList{"-cfg", "relay.ini", "-nofile"} << "cert=~/etc/korb.crt";
         QTest::newRow("unknown options are passed over") << QStringList{"-zz=1", "-what", "-n", "x", "-p", "4000"} << "port=4000 device=127.0.0.1:3005";
         // clang-format on
@@ -130,12 +132,12 @@ private slots:
         const int from = text.indexOf("## Running the relay");
         const QString options = text.mid(from, text.indexOf("\n## ", from + 1) - from);
         QVERIFY(from >= 0);
-        for (const KorbRdvOptions::Spec &spec : KorbRdvOptions::table()) {
-            if (spec.name) {
-                QVERIFY2(options.contains(QLatin1Char('`') + QLatin1String(spec.name)), spec.name);
+        for (const KorbRdvOptions::Row &row : KorbRdvOptions::table()) {
+            if (row.name) {
+                QVERIFY2(options.contains(QLatin1Char('`') + QLatin1String(row.name)), row.name);
             } else {
-                const QStringList key = QString::fromLatin1(spec.iniKey).split('/');
-                QVERIFY2(text.contains('[' + key[0] + ']') && text.contains(key[1] + '='), spec.iniKey);
+                const QStringList key = QString::fromLatin1(row.iniKey).split('/');
+                QVERIFY2(text.contains('[' + key[0] + ']') && text.contains(key[1] + '='), row.iniKey);
             }
         }
     }

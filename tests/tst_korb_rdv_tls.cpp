@@ -119,10 +119,13 @@ private slots:
         QObject scope;
         QSslConfiguration trusting = QSslConfiguration::defaultConfiguration();
         trusting.setCaCertificates(QSslCertificate::fromPath(file("korb.crt")));
+        WsTestClient *plain = connectClient(m_server, &scope);
+        const int tlsBefore = m_server.tlsClientCount();
         const QList<WsTestClient *> both = {
-            connectClient(m_server, &scope),
+            plain,
             connectClient(m_server, &scope, QStringLiteral("wss://127.0.0.1:%1").arg(m_tlsPort), trusting)};
-        QVERIFY(both.at(0) && both.at(1));
+        QVERIFY(both.at(0) && both.at(1) && tlsBefore == 0 && m_server.tlsClientCount() == 1);
+        QCOMPARE(m_server.refusals(KorbRdvWsListener::Handshake), 4);
         for (WsTestClient *c : both) {
             c->socket.sendTextMessage("ims:20");
             QTRY_COMPARE(c->texts, QStringList{"ims:20 OK"});

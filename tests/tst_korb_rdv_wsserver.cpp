@@ -265,6 +265,7 @@ private slots:
         else
             QCOMPARE(closeCodeReadBy(raw, message), code);
         QCOMPARE(m_server->clientCount(), 1);
+        QCOMPARE(m_server->refusals(KorbRdvWsListener::Limit), maxClients == 1 ? 1 : 0);
     }
 
     // Two clients stall one after the other; with the total bound below what both

@@ -11,7 +11,7 @@ jobs=${3:-2}
 shift $(( $# < 3 ? $# : 3 ))
 here=$(cd "$(dirname "$0")" && pwd)
 targets=("$@")
-[ ${#targets[@]} -gt 0 ] || targets=(scanner udp decoder playback client_commands control)
+[ ${#targets[@]} -gt 0 ] || targets=(scanner udp decoder playback client_commands control http)
 
 run_one() {
   local t=$1 out="$build/fuzz-runs/$1"

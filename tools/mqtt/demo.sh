@@ -26,13 +26,12 @@ pids+=($!)
 "$bin/KorbRdv_streamer" -e -n KorbRdv.demo-edge -p "$edge_port" -nofile -addr=127.0.0.1:9 \
   -mqtt-sub=127.0.0.1:"$broker_port"/korbrdv/KorbRdv.demo/rdv &
 pids+=($!)
-viewer="file://$(cd "$here/../viewer" && pwd)/index.html"
 cat <<TEXT
 
   KorbRdv_streamer MQTT demo
   broker (private, loopback)  : 127.0.0.1:$broker_port   topics korbrdv/KorbRdv.demo/{rdv,state,stats}
-  publishing relay            : ws://localhost:$relay_port   viewer $viewer?url=ws://localhost:$relay_port
-  edge relay                  : ws://localhost:$edge_port   viewer $viewer?url=ws://localhost:$edge_port
+  publishing relay            : ws://localhost:$relay_port   viewer http://localhost:$relay_port/
+  edge relay                  : ws://localhost:$edge_port   viewer http://localhost:$edge_port/
   health                      : mosquitto_sub -h 127.0.0.1 -p $broker_port -t 'korbrdv/+/stats' -v
   (Ctrl-C stops all three)
 

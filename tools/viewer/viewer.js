@@ -11,10 +11,14 @@
 
   const $ = (id) => document.getElementById(id);
   const ui = {
-    url: $('url'), status: $('status'), reply: $('reply'), interval: $('interval'),
+    url: $('url'), status: $('status'), role: $('role'), reply: $('reply'), interval: $('interval'),
     packets: $('packet-count'), malformed: $('malformed-count'), lastError: $('last-error'),
     groups: $('groups'), noData: $('no-data'),
   };
+  const commandButtons = ['send-interval', 'dump-csv', 'dump-buf'].map($);
+  const params = new URLSearchParams(location.search);
+  // An operator's token goes with the connection: browsers cannot set its headers.
+  const token = params.get('token');
 
   let socket = null;
   let wanted = false; // the user wants a connection: reconnect after a close
@@ -40,7 +44,7 @@
     const url = ui.url.value.trim();
     let ws;
     try {
-      ws = new WebSocket(url);
+      ws = new WebSocket(withToken(url));
     } catch (e) {
       wanted = false;
       setStatus('idle', `bad address: ${e.message}`);
@@ -52,8 +56,9 @@
     ws.onopen = () => {
       retryMs = RECONNECT_MIN_MS;
       setStatus('connected', `connected to ${url}`);
+      setReadOnly(false); // the relay decides again for every connection
     };
-    ws.onmessage = (ev) => (typeof ev.data === 'string' ? showReply(ev.data) : onPacket(ev.data));
+    ws.onmessage = (ev) => (typeof ev.data === 'string' ? onText(ev.data) : onPacket(ev.data));
     ws.onclose = () => {
       if (socket !== ws) return;
       socket = null;
@@ -65,6 +70,29 @@
       retryTimer = setTimeout(connect, retryMs);
       retryMs = Math.min(RECONNECT_MAX_MS, retryMs * 2);
     };
+  }
+
+  function withToken(url) {
+    if (!token) return url;
+    try {
+      const u = new URL(url);
+      u.searchParams.set('token', token);
+      return u.href;
+    } catch (e) {
+      return url; // the WebSocket reports the bad address
+    }
+  }
+
+  // A relay that keeps commands to operators answers a viewer's command with
+  // the command and " DENIED".
+  function onText(text) {
+    showReply(text);
+    if (text.endsWith(' DENIED')) setReadOnly(true);
+  }
+
+  function setReadOnly(readOnly) {
+    ui.role.hidden = !readOnly;
+    for (const b of commandButtons) b.disabled = readOnly;
   }
 
   function disconnect() {
@@ -277,8 +305,10 @@
   }
   window.addEventListener('resize', () => groups.forEach((g) => (g.dirty = true)));
 
-  const preset = new URLSearchParams(location.search).get('url');
-  if (preset) ui.url.value = preset;
+  // Served by a relay, the page talks to that relay; opened from disk, to the address typed.
+  const own = location.protocol === 'https:' ? 'wss:' : location.protocol === 'http:' ? 'ws:' : null;
+  if (own) ui.url.value = `${own}//${location.host}`;
+  if (params.get('url')) ui.url.value = params.get('url');
   requestAnimationFrame(frame);
   connect();
 })();

@@ -2,8 +2,10 @@
 // a simulator recording: every group shows up, the interval control gets the
 // relay's "... OK", the dump buttons send, and the page reconnects when the relay
 // restarts; over wss:// too, with a throwaway certificate that this Chromium alone
-// trusts (skipped without openssl). Screenshots go to KORB_VIEW_ARTIFACTS_DIR. Run
-// by CTest; exits 77 (skipped) where Chromium or playwright-core is not installed.
+// trusts (skipped without openssl). The page as the relay serves it connects to
+// that relay with no parameter, passes its ?token= on, and turns read-only when a
+// command is denied. Screenshots go to KORB_VIEW_ARTIFACTS_DIR. Run by CTest;
+// exits 77 (skipped) where Chromium or playwright-core is not installed.
 'use strict';
 
 const fs = require('node:fs');
@@ -250,4 +252,35 @@ test('the page over wss:// shows the groups and steers the relay', async (t) => 
     null, { timeout: UI_TIMEOUT_MS });
   await page.close();
   assert.deepEqual(pageErrors, []);
+});
+
+test('the page served by the relay (http and https) connects to it with no parameter', async () => {
+  const urls = [`http://127.0.0.1:${relay.port}/`, ...(tls ? [`https://127.0.0.1:${relay.tls.port}/`] : [])];
+  for (const url of urls) {
+    const page = await openPage(url);
+    await expectGroups(page);
+    await page.close();
+  }
+  assert.deepEqual(pageErrors, []);
+});
+
+test('the served page passes its token on and turns read-only when a command is denied', async () => {
+  const page = await context.newPage();
+  let socketUrl = null;
+  // The relay's side of a denial, played here: "ims:" is answered as a viewer's would be.
+  await page.routeWebSocket(/./, (ws) => {
+    socketUrl = ws.url();
+    const relaySide = ws.connectToServer();
+    ws.onMessage((m) => (String(m).startsWith('ims:') ? ws.send(`${m} DENIED`) : relaySide.send(m)));
+  });
+  await page.goto(`http://127.0.0.1:${relay.port}/?token=s3cret`);
+  await page.waitForSelector('#status[data-state="connected"]', { timeout: UI_TIMEOUT_MS });
+  assert.equal(socketUrl, `ws://127.0.0.1:${relay.port}/?token=s3cret`);
+  assert.equal(await page.isDisabled('#send-interval'), false);
+  await page.fill('#interval', '100');
+  await page.click('#send-interval');
+  await page.waitForSelector('#role', { state: 'visible', timeout: UI_TIMEOUT_MS });
+  assert.equal(await page.textContent('#reply'), 'ims:100 DENIED');
+  for (const id of ['#send-interval', '#dump-csv', '#dump-buf']) assert.ok(await page.isDisabled(id), id);
+  await page.close();
 });

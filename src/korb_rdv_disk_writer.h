@@ -31,8 +31,8 @@ public:
     // densest stream (52 MB/s). Beyond it append() refuses, so a slow disk
     // costs frames of the recording, never the relay's memory.
     static constexpr qint64 DefaultStreamQueueBytes = 32 * Korb::BytesPerMiB;
-    // Whole files waiting at once: the largest dump (the 64 MiB buffer)
-    // beside a csv, and the next burst's first; more are refused rather
+    // Whole files waiting at once: two of the largest dumps (the 64 MiB
+    // buffer), one written while the next waits; more are refused rather
     // than held in memory.
     static constexpr qint64 MaxQueuedFileBytes = 2 * qint64(Korb::DefaultMaxFileSize);
     // The stream reaches the kernel at least this often, so a relay killed

@@ -98,11 +98,10 @@ private slots:
         if (file == "directory") {
             QVERIFY(QDir().mkpath(path));
         } else if (file != "missing") {
-            QFile f(path);
-            QVERIFY(f.open(QIODevice::WriteOnly) &&
-                    f.write(QByteArray("# operators\nother-token\n") + Token + "  # the shift lead\n"));
-            f.setPermissions(QFile::ReadOwner | QFile::WriteOwner |
-                             (file == "open" ? QFile::ReadOther : QFile::Permissions()));
+            QVERIFY(
+                writeFile(path, QByteArray("# operators\nother-token\n") + Token + "  # the shift lead\n") &&
+                QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner |
+                                                (file == "open" ? QFile::ReadOther : QFile::Permissions())));
         }
         m_server.setAccess(KorbRdvAccess::fromSettings(QString(), path));
         StderrCapture console;

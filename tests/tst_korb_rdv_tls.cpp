@@ -1,9 +1,9 @@
 // The TLS port beside the plain one: the same packets (a burst in one turn
 // included) and replies over wss:// as over ws://; bad files refused with one
-// line naming the file and why, bad and stalled handshakes dropped and counted,
-// and both ports serve on; a TLS client that stops reading holds about one
-// packet, encrypted or not; one that has reset leaves the table as a packet's
-// write finds it.
+// line naming the file and why, bad and stalled handshakes dropped and counted
+// with a folded line, and both ports serve on; a TLS client that stops reading
+// holds about one packet, encrypted or not; one that has reset leaves the
+// table as a packet's write finds it.
 #include "logger/korb_logger_light.h"
 #include "src/korb_env.h"
 #include "src/korb_rdv_options.h"
@@ -80,16 +80,19 @@ private slots:
     {
         QTest::addColumn<QByteArray>("sent"); // null: TLS 1.0 is offered instead
         QTest::addColumn<bool>("encrypted");  // sent over TLS
-        QTest::newRow("plain HTTP") << QByteArray("GET / HTTP/1.1\r\n\r\n") << false;
-        QTest::newRow("TLS 1.0") << QByteArray() << false;
-        QTest::newRow("upgrade stalled") << QByteArray("GET / HTTP/1.1\r\n") << true;
-        QTest::newRow("silent: as stalled") << QByteArray("") << false;
+        QTest::addColumn<int>("lines");       // new in the log: a repeated line folds into the first
+        QTest::newRow("plain HTTP") << QByteArray("GET / HTTP/1.1\r\n\r\n") << false << 1;
+        QTest::newRow("TLS 1.0") << QByteArray() << false << 1;
+        QTest::newRow("upgrade stalled") << QByteArray("GET / HTTP/1.1\r\n") << true << 1;
+        QTest::newRow("silent: as stalled") << QByteArray("") << false << 0;
     }
 
     void badHandshakesAreDropped()
     {
         QFETCH(QByteArray, sent);
         QFETCH(bool, encrypted);
+        QFETCH(int, lines);
+        const int before = logged("127.0.0.1 не состоялось");
         const qint64 refused = m_server.refusals(KorbRdvWsListener::Handshake);
         QSslSocket client;
         QSignalSpy up(&client, &QSslSocket::encrypted);
@@ -103,6 +106,7 @@ private slots:
                                   KorbRdvTlsListener::HandshakeTimeoutMs + 3000);
         QCOMPARE(up.size(), int(encrypted));
         QTRY_COMPARE(m_server.refusals(KorbRdvWsListener::Handshake), refused + 1);
+        QTRY_COMPARE(logged("127.0.0.1 не состоялось"), before + lines);
     }
 
     // After the refusals above, too.

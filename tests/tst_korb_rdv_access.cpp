@@ -68,8 +68,7 @@ private slots:
 
     void roles_data()
     {
-        QTest::addColumn<QString>(
-            "file"); // the token file: missing, listed, open (others may read), a directory
+        QTest::addColumn<QString>("file"); // of tokens: missing, listed, open (others may read), a directory
         QTest::addColumn<QString>("presented"); // ?token=..., Bearer ..., or nothing
         QTest::addColumn<QString>("command");
         QTest::addColumn<QString>("reply");

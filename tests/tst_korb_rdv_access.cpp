@@ -68,8 +68,7 @@ private slots:
 
     void roles_data()
     {
-        QTest::addColumn<QString>(
-            "file"); // the token file: missing, listed, open (others may read), a directory
+        QTest::addColumn<QString>("file"); // of tokens: missing, listed, open (others may read), a directory
         QTest::addColumn<QString>("presented"); // ?token=..., Bearer ..., or nothing
         QTest::addColumn<QString>("command");
         QTest::addColumn<QString>("reply");
@@ -98,11 +97,10 @@ private slots:
         if (file == "directory") {
             QVERIFY(QDir().mkpath(path));
         } else if (file != "missing") {
-            QFile f(path);
-            QVERIFY(f.open(QIODevice::WriteOnly) &&
-                    f.write(QByteArray("# operators\nother-token\n") + Token + "  # the shift lead\n"));
-            f.setPermissions(QFile::ReadOwner | QFile::WriteOwner |
-                             (file == "open" ? QFile::ReadOther : QFile::Permissions()));
+            QVERIFY(
+                writeFile(path, QByteArray("# operators\nother-token\n") + Token + "  # the shift lead\n") &&
+                QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner |
+                                                (file == "open" ? QFile::ReadOther : QFile::Permissions())));
         }
         m_server.setAccess(KorbRdvAccess::fromSettings(QString(), path));
         StderrCapture console;

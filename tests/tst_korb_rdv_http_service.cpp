@@ -78,9 +78,8 @@ private slots:
     {
         Korb::setAppDir(m_dir.filePath("bin"));
         KorbLoggerLight::instance()->setLogDir(m_dir.filePath("logs"));
-        QFile recording(m_dir.filePath("rec.rdv")), ini(m_dir.filePath("silence.ini"));
-        QVERIFY(recording.open(QIODevice::WriteOnly) && recording.write(stream({single(0), single(60)})));
-        QVERIFY(ini.open(QIODevice::WriteOnly) && ini.write("[http]\nhealth_silence_s=1\n"));
+        QVERIFY(writeFile(m_dir.filePath("rec.rdv"), stream({single(0), single(60)})) &&
+                writeFile(m_dir.filePath("silence.ini"), "[http]\nhealth_silence_s=1\n"));
     }
 
     void cleanup() { qDeleteAll(findChildren<KorbRdvStreamer *>()); }
@@ -209,17 +208,14 @@ private slots:
         QVERIFY(check.waitForFinished(30000));
         QVERIFY2(check.exitCode() == 0, check.readAll().constData());
         // A throwaway Prometheus on loopback, its storage in the test's folder.
-        QFile config(m_dir.filePath("prometheus.yml"));
-        QVERIFY(config.open(QIODevice::WriteOnly) &&
-                config.write("global: {scrape_interval: 1s}\nscrape_configs:\n  - job_name: korbrdv\n"
-                             "    static_configs: [{targets: ['127.0.0.1:" +
-                             port.toUtf8() + "']}]\n"));
-        config.close();
+        const QString config = m_dir.filePath("prometheus.yml");
+        QVERIFY(writeFile(config, "global: {scrape_interval: 1s}\nscrape_configs:\n  - job_name: korbrdv\n"
+                                  "    static_configs: [{targets: ['127.0.0.1:" +
+                                      port.toUtf8() + "']}]\n"));
         QProcess server;
         server.setProcessChannelMode(QProcess::MergedChannels);
-        server.start(prometheus,
-                     {"--config.file=" + config.fileName(), "--storage.tsdb.path=" + m_dir.filePath("tsdb"),
-                      "--web.listen-address=127.0.0.1:" + web});
+        server.start(prometheus, {"--config.file=" + config, "--storage.tsdb.path=" + m_dir.filePath("tsdb"),
+                                  "--web.listen-address=127.0.0.1:" + web});
         // Its query API lists the series only while the relay's count is above 0.
         const QByteArray query = get("/api/v1/query?query=korbrdv_frames_accepted_total%3E0");
         QTRY_VERIFY_WITH_TIMEOUT(body(fetch(web.toUShort(), query)).contains("\"result\":[{\"metric\""),

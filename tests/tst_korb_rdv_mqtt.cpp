@@ -59,9 +59,8 @@ private slots:
         QList<FrameSpec> frames;
         while (frames.size() < 100)
             frames << single(frames.size() * spacingMs, quint16(samples));
-        QFile file(m_dir.filePath("rec.rdv"));
         QTcpServer device;
-        QVERIFY(file.open(QIODevice::WriteOnly) && file.write(stream(frames)) && file.flush() &&
+        QVERIFY(writeFile(m_dir.filePath("rec.rdv"), stream(frames)) &&
                 device.listen(QHostAddress::LocalHost));
         // Datagrams go to -udp1= always; a UDP port alone opens no receiver.
         const QString udp = freePort(true);
@@ -69,7 +68,7 @@ private slots:
             relay({"-mqtt=" + m_broker.address(), "-interval_ms=" + QString::number(spacingMs - 5),
                    "-addr=127.0.0.1:" + QString::number(device.serverPort()), "-udp1=" + udp,
                    "-udp2=" + (source == "udp" ? freePort(true) : "0"),
-                   source == "file" ? "-file=" + file.fileName() : "-nofile"});
+                   source == "file" ? "-file=" + m_dir.filePath("rec.rdv") : "-nofile"});
         QVERIFY(s);
         QUdpSocket datagrams;
         QTcpSocket *tcp = nullptr; // the newest connection: a probe comes before it
@@ -89,11 +88,9 @@ private slots:
         QTRY_COMPARE(recorder.last(topic("state")), QByteArray("online"));
         QTRY_VERIFY_WITH_TIMEOUT(recorder.count(topic("stats")) >= 3 && recorder.count(topic("rdv")) >= 5,
                                  10000);
-        const auto stats = [&](int i) {
-            return QJsonDocument::fromJson(recorder.messages[topic("stats")].value(i));
-        };
-        const QJsonObject first = stats(0).object(),
-                          last = stats(recorder.count(topic("stats")) - 1).object();
+        const QByteArrayList &reports = recorder.messages[topic("stats")];
+        const QJsonObject first = QJsonDocument::fromJson(reports.first()).object(),
+                          last = QJsonDocument::fromJson(reports.last()).object();
         QVERIFY(last.value("source").toString() == source && last.value("ws_clients") == 0);
         for (const char *moving : {"frames_accepted", "packets_built", "uptime_s"})
             QVERIFY2(last.value(moving).toDouble() > first.value(moving).toDouble(), moving);
@@ -114,7 +111,7 @@ private slots:
         QTRY_COMPARE(s->server()->consumerCount(), outage == "frozen" ? 2 : 1);
         int got = 0;
         qint64 longest = 0;
-        QElapsedTimer gap, back;
+        QElapsedTimer gap;
         gap.start();
         connect(&client->socket, &QWebSocket::binaryMessageReceived, client, [&] {
             ++got, longest = qMax(longest, gap.restart());
@@ -124,10 +121,8 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(got >= 4500 / spacingMs, 15000);
         QVERIFY2(longest < 500, qPrintable(QString::number(longest)));
         QVERIFY(outage == "frozen" ? (m_broker.freeze(false), true) : m_broker.start());
-        back.start();
         MqttRecorder again(m_broker.port(), topic("rdv"));
         QTRY_VERIFY_WITH_TIMEOUT(again.count(topic("rdv")) > 0, 10000);
-        QVERIFY2(back.elapsed() <= 5000, qPrintable(QString::number(back.elapsed())));
         QVERIFY(s->assembly()->mqttPublisher()->link()->droppedPublishes() > 0);
     }
 
@@ -179,7 +174,6 @@ private slots:
         for (const QByteArray &packet : qAsConst(client->binaries))
             QVERIFY(sent.contains(packet));
         QCOMPARE(s->server()->replacedPackets() > 0, samples > 2);
-        QTRY_COMPARE(s->assembly()->mqttEdge()->packetsRefused(), samples ? 0 : sent.size());
     }
 
     void stateTurnsOfflineWhenKilled()

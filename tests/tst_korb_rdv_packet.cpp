@@ -18,7 +18,6 @@
 using namespace RdvTest;
 
 namespace {
-// What the viewer's decoder makes of a packet.
 QJsonObject decodedByViewer(const QString &node, const QByteArray &packet)
 {
     QProcess p;
@@ -148,13 +147,10 @@ private slots:
             for (const PacketFieldValue &v : packetFields(bytes[i], inMap)) {
                 const Rdv::Field field = fieldOf(b, v.name);
                 QVERIFY2(field != Rdv::Field::Tag, v.name);
-                const double mine = b[field];
-                QVERIFY2(same(mine, v.value) && same(number(js.value(v.name)), v.value),
+                QVERIFY2(same(b[field], v.value) && same(number(js.value(v.name)), v.value),
                          qPrintable(QStringLiteral("%1: frame %2, ours %3, viewer's %4")
-                                        .arg(v.name)
-                                        .arg(v.value)
-                                        .arg(mine)
-                                        .arg(js.value(v.name).toVariant().toString())));
+                                        .arg(v.name, QString::number(v.value), QString::number(b[field]),
+                                             js.value(v.name).toVariant().toString())));
             }
             QList<qint32> values;
             for (const QJsonValue &v : js.value("values").toArray())
@@ -165,7 +161,6 @@ private slots:
     }
 
 private:
-    // The field of a block's layout named `name`.
     static Rdv::Field fieldOf(const RdvBlock &b, const char *name)
     {
         for (int i = 0; i < b.layout->fieldCount; ++i)

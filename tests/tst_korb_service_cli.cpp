@@ -102,79 +102,49 @@ private slots:
         const QString queried = Mine + ";is-enabled %N.service;is-active %N.service;is-failed %N.service";
         const QString checked = Mine + ";is-active %N.service";
         const QString started = "start run=1 args=-n|%N";
+        // clang-format off
         // Help, version and query win wherever they stand, in any letter case.
         add("-x -H", "", "-x|-H", 0, "\n./korb_test_service -[a|e|h|i|n|s|u|v|q]\n\t-i(nstall) ...", "");
-        add("-V -h", "", "-V|-h", 0, "./korb_test_service rev.1110 - Powered by qt5158_Linux.x64_gcc1220\n",
-            "");
+        add("-V -h", "", "-V|-h", 0, "./korb_test_service rev.1110 - Powered by qt5158_Linux.x64_gcc1220\n", "");
         add("-dir", "", "-dir", 0, "%D\n", "");
         add("-n NAME -x -T finds the stop", "", "-n|%N|-x|-T", -4, "", notRunning);
-        add("300-character name cut to 255", "", "-t|-n|" + QString(300, 'x'), -4, "",
-            "KorbService: 'name' is longer than 255 characters.\nThe service " + QString(255, 'x') +
-                " is not Running\n");
-        add("backslash becomes character 0", "", "-t|-n|svc\\tail", -4, "",
-            "KorbService: 'name' contains backslashes '\\'.\nThe service svc is not Running\n");
-        add("-exec runs in the foreground without -exec", "KORB_TEST_SERVICE_EXIT=5", "-lt|3|-exec|-n|%N", 5,
-            "", "", "", "start run= args=-lt|3|-n|%N");
-        add("the service process returns the application's code",
-            "KORBSERVICE_RUN=1 KORB_TEST_SERVICE_EXIT=3", "-n|%N", 3, "", "", "", started);
+        add("300-character name cut to 255", "", "-t|-n|" + QString(300, 'x'), -4, "", "KorbService: 'name' is longer than 255 characters.\nThe service " + QString(255, 'x') + " is not Running\n");
+        add("backslash becomes character 0", "", "-t|-n|svc\\tail", -4, "", "KorbService: 'name' contains backslashes '\\'.\nThe service svc is not Running\n");
+        add("-exec runs in the foreground without -exec", "KORB_TEST_SERVICE_EXIT=5", "-lt|3|-exec|-n|%N", 5, "", "", "", "start run= args=-lt|3|-n|%N");
+        add("the service process returns the application's code", "KORBSERVICE_RUN=1 KORB_TEST_SERVICE_EXIT=3", "-n|%N", 3, "", "", "", started);
         // Starting detached, and commanding a running instance.
-        add("-CFG first: the default start detaches itself", "", "-CFG|x.ini|-n|%N", 0, "", "", "",
-            "start run=1 args=-CFG|x.ini|-n|%N");
-        add("-s starts the registered program detached", "mine", "-s|-n|%N", 0, "", "", Mine,
-            started + "|-x");
-        add("-s refuses a running instance", "mine running", "-s|-n|%N", -4, "",
-            "The service %N is already Running\n", Mine, started);
-        add("the default start refuses a running instance", "running", "-CFG|x|-n|%N", -4, "",
-            "Service %N is Running!\n", "", started);
+        add("-CFG first: the default start detaches itself", "", "-CFG|x.ini|-n|%N", 0, "", "", "", "start run=1 args=-CFG|x.ini|-n|%N");
+        add("-s starts the registered program detached", "mine", "-s|-n|%N", 0, "", "", Mine, started + "|-x");
+        add("-s refuses a running instance", "mine running", "-s|-n|%N", -4, "", "The service %N is already Running\n", Mine, started);
+        add("the default start refuses a running instance", "running", "-CFG|x|-n|%N", -4, "", "Service %N is Running!\n", "", started);
         add("-P pauses", "running", "-P|-n|%N", 0, "", "", "", started + ";pause");
         add("-command NUM", "running", "-command|99|-n|%N", 0, "", "", "", started + ";command 99");
         add("-c abc sends 0", "running", "-c|abc|-n|%N", 0, "", "", "", started + ";command 0");
         add("-n NAME -t stops", "running", "-n|%N|-t", 0, "", "", "", started + ";stop;exit 0");
         // The registry: install, uninstall, refusals and walks.
-        add("-i -n NAME -a ARGS", "", "-i|-n|%N|-a|-p 9080 -ps 9081", 0, installedAs + "-p 9080 -ps 9081\n",
-            "", "%N args=-p 9080 -ps 9081 automaticStartup=true description=%N test service path=%P");
+        add("-i -n NAME -a ARGS", "", "-i|-n|%N|-a|-p 9080 -ps 9081", 0, installedAs + "-p 9080 -ps 9081\n", "", "%N args=-p 9080 -ps 9081 automaticStartup=true description=%N test service path=%P");
         add("install twice", "mine", "-n|%N|-I", 0, "", "The service %N is already installed\n", Mine);
-        add("install, registry not writable", "dir", "-i|-n|%N", -1, "",
-            "Cannot install \"%N\". Cannot write to: /etc/KorbService.conf. Check permissions.\n"
-            "The service %N could not be installed: ...");
+        add("install, registry not writable", "dir", "-i|-n|%N", -1, "", "Cannot install \"%N\". Cannot write to: /etc/KorbService.conf. Check permissions.\nThe service %N could not be installed: ...");
         add("-S, not installed", "", "-S|-n|%N", -1, "", "The service %N is not installed\n");
         add("-n -all names -all", "", "-n|-all", -1, "", "The service -all is not installed\n");
         add("-t -all stops nothing", "mine", "-t|-all", 0, "", "", Mine);
-        add("uninstall removes unit and script, keeps the others", "mine other unit script", "-u|-n|%N", 0,
-            uninstalling + "The service %N has been uninstalled.\n", "", Other + uninstalled);
-        add("uninstall, registry read-only", "mine ro", "-u|-n|%N", -1, uninstalling,
-            "Cannot uninstall \"%N\". Cannot write to: /etc/KorbService.conf. Check permissions.\n"
-            "The service %N could not be uninstalled\n",
-            Mine + uninstalled);
-        add("-u -all, every program's", "mine other", "-u|-all", 0, uninstalling + "...", "",
-            uninstalled.mid(1) + ";stop zz.other.service;disable zz.other.service;daemon-reload",
-            "exit 0;exit 0");
+        add("uninstall removes unit and script, keeps the others", "mine other unit script", "-u|-n|%N", 0, uninstalling + "The service %N has been uninstalled.\n", "", Other + uninstalled);
+        add("uninstall, registry read-only", "mine ro", "-u|-n|%N", -1, uninstalling, "Cannot uninstall \"%N\". Cannot write to: /etc/KorbService.conf. Check permissions.\nThe service %N could not be uninstalled\n", Mine + uninstalled);
+        add("-u -all, every program's", "mine other", "-u|-all", 0, uninstalling + "...", "", uninstalled.mid(1) + ";stop zz.other.service;disable zz.other.service;daemon-reload", "exit 0;exit 0");
         // Listings: this program's unless -qa, no title, names at least 11 wide.
-        add("-Qa lists this program's", "mine other", "-Qa", 0, row.arg(0).arg("UNKNOWN          "), "",
-            Mine + ";" + Other);
-        add("-qa after a stop lists all", "other", "-t|-n|x|-qa", 0,
-            "zz.other   \t0\tUNKNOWN          \t'/opt/other/bin/prog -y'\n", "", Other);
+        add("-Qa lists this program's", "mine other", "-Qa", 0, row.arg(0).arg("UNKNOWN          "), "", Mine + ";" + Other);
+        add("-qa after a stop lists all", "other", "-t|-n|x|-qa", 0, "zz.other   \t0\tUNKNOWN          \t'/opt/other/bin/prog -y'\n", "", Other);
         // Under systemd.
-        add("install a unit", "systemd", "-i|-n|%N|-a|-lt 3", 0,
-            "Установка службы %N для systemd\nRun: systemctl daemon-reload [OK]\n...", "",
-            "%N args=-lt 3 automaticStartup=true description=%N test service path=%P;daemon-reload;"
-            "# ApplicationPIDFile=%T/%N-Korb.pid;User=%U;Group=%G;WorkingDirectory=%D;"
-            "Environment=KORBSERVICE_RUN=1;ExecStartPre=+/bin/rm -f %T/%N-Korb.pid;ExecStart=%P -n %N -lt 3;"
-            "%N 755;%N.service -> ../../usr/lib/systemd/system/%N.service");
-        add("start a deactivating unit", "systemd mine unit is-active=deactivating", "-s|-n|%N", 0,
-            "Run: systemctl start %N.service [OK]\n", "",
-            checked + ";is-active %N.service;start %N.service;User=x");
-        add("activating counts as running", "systemd mine unit is-active=activating", "-s|-n|%N", -4, "",
-            "The service %N is already Running\n", checked + ";User=x");
-        add("stop a reloading unit", "systemd mine unit is-active=RELOADING", "-t|-n|%N", 0,
-            "Run: systemctl stop %N.service [OK]\n", "",
-            checked + ";is-active %N.service;stop %N.service;User=x");
-        add("query active", "systemd mine is-enabled=enabled is-active=active is-failed=active", "-q", 0,
-            row.arg(1).arg("enabled |active  "), "", queried);
-        add("query failed", "systemd mine is-enabled=enabled is-active=failed is-failed=failed", "-q", 0,
-            row.arg(4).arg("enabled |failed  "), "", queried);
-        add("query masked", "systemd mine is-enabled=masked is-active=active is-failed=active", "-q", 0,
-            row.arg(0).arg("masked  |active  "), "", queried);
+        add("install a unit", "systemd", "-i|-n|%N|-a|-lt 3", 0, "Установка службы %N для systemd\nRun: systemctl daemon-reload [OK]\n...", "",
+            "%N args=-lt 3 automaticStartup=true description=%N test service path=%P;daemon-reload;# ApplicationPIDFile=%T/%N-Korb.pid;User=%U;Group=%G;WorkingDirectory=%D;"
+            "Environment=KORBSERVICE_RUN=1;ExecStartPre=+/bin/rm -f %T/%N-Korb.pid;ExecStart=%P -n %N -lt 3;%N 755;%N.service -> ../../usr/lib/systemd/system/%N.service");
+        add("start a deactivating unit", "systemd mine unit is-active=deactivating", "-s|-n|%N", 0, "Run: systemctl start %N.service [OK]\n", "", checked + ";is-active %N.service;start %N.service;User=x");
+        add("activating counts as running", "systemd mine unit is-active=activating", "-s|-n|%N", -4, "", "The service %N is already Running\n", checked + ";User=x");
+        add("stop a reloading unit", "systemd mine unit is-active=RELOADING", "-t|-n|%N", 0, "Run: systemctl stop %N.service [OK]\n", "", checked + ";is-active %N.service;stop %N.service;User=x");
+        add("query active", "systemd mine is-enabled=enabled is-active=active is-failed=active", "-q", 0, row.arg(1).arg("enabled |active  "), "", queried);
+        add("query failed", "systemd mine is-enabled=enabled is-active=failed is-failed=failed", "-q", 0, row.arg(4).arg("enabled |failed  "), "", queried);
+        add("query masked", "systemd mine is-enabled=masked is-active=active is-failed=active", "-q", 0, row.arg(0).arg("masked  |active  "), "", queried);
+        // clang-format on
     }
 
     void command()

@@ -32,18 +32,16 @@ private slots:
                       const QStringList &calls, bool open = true) {
             QTest::newRow(tag) << flags << requests << answer << calls << open;
         };
-        add("unknown: upper case, leading blank, bare num:, bare LF", 1,
-            {"ALIVE\r\n alive\r\nnum:\r\nalive\nx\r\n"}, "falsefalsefalsefalse", {});
-        add("flag 2 refuses terminate, flag 1 clear refuses resume", 2, {"terminate\r\nresume\r\nalive\r\n"},
-            "falsefalsetrue", {});
-        add("two commands in one write, in order", 3, {"num:1\r\npause\r\n"}, "truetrue",
-            {"command 1", "pause"});
+        // clang-format off
+        add("unknown: upper case, leading blank, bare num:, bare LF", 1, {"ALIVE\r\n alive\r\nnum:\r\nalive\nx\r\n"}, "falsefalsefalsefalse", {});
+        add("flag 2 refuses terminate, flag 1 clear refuses resume", 2, {"terminate\r\nresume\r\nalive\r\n"}, "falsefalsetrue", {});
+        add("two commands in one write, in order", 3, {"num:1\r\npause\r\n"}, "truetrue", {"command 1", "pause"});
         add("flags clear: pause refused, num:x is 0", 0, {"pause\r\nnum:x\r\n"}, "falsetrue", {"command 0"});
-        add("a command split over writes", 1, {"num:-1", "2\r", "\nresu", "me\r\n"}, "truetrue",
-            {"command -12", "resume"});
+        add("a command split over writes", 1, {"num:-1", "2\r", "\nresu", "me\r\n"}, "truetrue", {"command -12", "resume"});
         add("terminate answers, stops, ignores the rest", 1, {"terminate\r\npause\r\n"}, "true", {"stop"});
         add("a line of the limit is a command", 1, {limit + "\r\n"}, "false", {});
         add("one byte over the limit closes the connection", 1, {limit + "a", "alive\r\n"}, "", {}, false);
+        // clang-format on
     }
 
     void protocol()
@@ -73,7 +71,6 @@ private slots:
         QCOMPARE(got + client.readAll(), answer);
         QCOMPARE(service.calls, calls);
         QCOMPARE(client.state() == QLocalSocket::ConnectedState, open);
-        // Closing the channel removes its socket file.
         delete channel;
         QVERIFY(!QFile::exists(path));
     }

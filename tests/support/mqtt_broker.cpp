@@ -18,12 +18,11 @@ QString MqttBroker::executable()
 bool MqttBroker::start()
 {
     m_port = m_port ? m_port : RdvTest::freePort().toUShort();
-    QFile conf(m_dir.filePath("broker.conf"));
-    if (!conf.open(QIODevice::WriteOnly) ||
-        !conf.write(QStringLiteral("listener %1 127.0.0.1\nallow_anonymous true\n").arg(m_port).toLatin1()))
+    const QString conf = m_dir.filePath("broker.conf");
+    if (!RdvTest::writeFile(
+            conf, QStringLiteral("listener %1 127.0.0.1\nallow_anonymous true\n").arg(m_port).toLatin1()))
         return false;
-    conf.close();
-    m_process.start(executable(), {"-c", conf.fileName()});
+    m_process.start(executable(), {"-c", conf});
     QTcpSocket probe;
     return QTest::qWaitFor(
         [&] { return probe.connectToHost("127.0.0.1", m_port), probe.waitForConnected(100); }, 10000);

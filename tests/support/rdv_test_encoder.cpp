@@ -2,7 +2,6 @@
 
 #include "src/korb_rdv_packet.h"
 
-#include <QDataStream>
 #include <QStringList>
 #include <QtEndian>
 
@@ -25,23 +24,39 @@ double timeMs(const char *f)
     return double(quint64(ns / 1e6));
 }
 
-// A packet's fixed part as the format has it: QDataStream, little-endian, doubles.
-template <typename Fields> QByteArray packed(Fields fields)
-{
-    QByteArray out;
-    QDataStream s(&out, QIODevice::WriteOnly);
-    s.setByteOrder(QDataStream::LittleEndian);
-    s.setFloatingPointPrecision(QDataStream::DoublePrecision);
-    fields(s);
-    return out;
-}
-
 // The samples a packet carries: all when the magic, the kind and the count allow.
 QByteArray payload(const QByteArray &f, int kind, int sampleSize)
 {
     const int count = at<quint16>(f.constData(), 17);
     const bool ok = at<quint32>(f.constData(), 0) == Magic && f.at(4) == kind && count <= 13000;
     return ok ? f.mid(56, count * sampleSize) : QByteArray();
+}
+
+// One block: the length word, the layout's fixed words, the fields (integers
+// in their own widths, doubles as their bits, all little-endian), the samples.
+QByteArray block(const QByteArray &f, bool channel)
+{
+    QByteArray out;
+    const auto put = [&out](quint64 v, int size) {
+        for (int i = 0; i < size; ++i)
+            out += char(v >> 8 * i);
+    };
+    for (int word : {0, 5, channel ? 3 : 4, 2, channel ? 6 : 5})
+        put(quint64(word), 2);
+    constexpr int Width[] = {1, 2, 2, 4, 8}; // by PacketFieldValue::Type
+    for (const PacketFieldValue &v : packetFields(f, channel))
+        put(v.type == PacketFieldValue::F64 ? at<quint64>(reinterpret_cast<const char *>(&v.value), 0)
+                                            : quint64(qint64(v.value)),
+            Width[v.type]);
+    out += payload(f, channel ? 1 : 2, channel ? 4 : 8);
+    qToLittleEndian<quint16>(quint16(out.size()), out.data());
+    return out;
+}
+
+// "group@ms" of a map entry, the time since BaseSec.
+QString entry(int group, double ms)
+{
+    return QStringLiteral("%1@%2").arg(group).arg(qint64(ms - BaseSec * 1000.0));
 }
 } // namespace
 
@@ -137,37 +152,6 @@ QList<qint32> sampleValues(const QByteArray &f, bool channel)
     return values;
 }
 
-namespace {
-// One block: the length word, the layout's fixed words, the fields, the samples.
-QByteArray block(const QByteArray &f, bool channel)
-{
-    QByteArray out = packed([&](QDataStream &s) {
-        s << quint16(0) << qint16(5) << qint16(channel ? 3 : 4) << qint16(2) << qint16(channel ? 6 : 5);
-        for (const PacketFieldValue &v : packetFields(f, channel)) {
-            switch (v.type) {
-            case PacketFieldValue::I8:
-                s << qint8(v.value);
-                break;
-            case PacketFieldValue::I16:
-                s << qint16(v.value);
-                break;
-            case PacketFieldValue::U16:
-                s << quint16(v.value);
-                break;
-            case PacketFieldValue::I32:
-                s << qint32(v.value);
-                break;
-            case PacketFieldValue::F64:
-                s << v.value;
-            }
-        }
-    });
-    out += payload(f, channel ? 1 : 2, channel ? 4 : 8);
-    qToLittleEndian<quint16>(quint16(out.size()), out.data());
-    return out;
-}
-} // namespace
-
 QByteArray singlePacket(const QByteArray &f)
 {
     return block(f, false);
@@ -184,15 +168,12 @@ QByteArray channelPacket(const QByteArrayList &frames)
 QString describePacket(const QByteArray &packet)
 {
     const char *p = packet.constData();
-    const double base = double(BaseSec) * 1000;
     if (packet.size() >= 71 && at<qint16>(p, 4) == 4)
-        return QStringLiteral("s%1").arg(qint64(at<double>(p, 31) - base));
+        return QStringLiteral("s%1").arg(qint64(at<double>(p, 31) - BaseSec * 1000.0));
     QStringList entries;
     for (int pos = 0; pos + 77 <= packet.size();
          pos += qMax(77, int(at<quint16>(p, pos)))) // lengths <= 65535
-        entries << QStringLiteral("%1@%2")
-                       .arg(int(qint8(p[pos + 13])))
-                       .arg(qint64(at<double>(p, pos + 29) - base));
+        entries << entry(qint8(p[pos + 13]), at<double>(p, pos + 29));
     return QLatin1Char('m') + entries.join(QLatin1Char(','));
 }
 
@@ -206,9 +187,7 @@ void RecordingSink::sendRdv(const RdvChannelMap &channels)
 {
     QStringList entries;
     for (auto it = channels.cbegin(); it != channels.cend(); ++it)
-        entries << QStringLiteral("%1@%2")
-                       .arg(int(it.key()))
-                       .arg(qint64(timeMs(reinterpret_cast<const char *>(*it)) - BaseSec * 1000.0));
+        entries << entry(it.key(), timeMs(reinterpret_cast<const char *>(*it)));
     seen << 'm' + entries.join(',');
     packets << Rdv::buildPacket(channels);
 }

@@ -43,10 +43,9 @@ QString SvcContainer::unavailableReason()
 QString SvcContainer::boot()
 {
     const SvcRun run = runTool({QStringLiteral("start"), m_name}, BootWaitMs);
-    if (run.exitCode == 0)
-        return QString();
-    return QStringLiteral("the systemd container did not boot: %1")
-        .arg(QString::fromLocal8Bit(run.out + run.err).trimmed().right(400));
+    return run.exitCode == 0 ? QString()
+                             : QStringLiteral("the systemd container did not boot: %1")
+                                   .arg(QString::fromLocal8Bit(run.out + run.err).trimmed().right(400));
 }
 
 SvcRun SvcContainer::exec(const QStringList &command) const

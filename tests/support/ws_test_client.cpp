@@ -44,6 +44,12 @@ QString freePort(bool udp)
     return QString::number(ok ? (udp ? datagrams.localPort() : tcp.serverPort()) : 0);
 }
 
+bool writeFile(const QString &path, const QByteArray &bytes)
+{
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
+}
+
 bool rawHandshake(QTcpSocket &socket, quint16 port)
 {
     socket.setProxy(QNetworkProxy::NoProxy);
@@ -76,21 +82,13 @@ QByteArray rawRequest(QTcpSocket &socket, const QByteArray &target, const QByteA
 QByteArray clientTextFrame(const QByteArray &payload)
 {
     const quint64 n = quint64(payload.size());
-    QByteArray head(10, '\0');
+    const int extended = n < 126 ? 0 : n <= 0xFFFF ? 2 : 8; // bytes of the length after the second
+    QByteArray head(2 + extended, '\0');
     head[0] = '\x81';
-    int size = 2;
-    if (n < 126) {
-        head[1] = char(0x80 | n);
-    } else if (n <= 0xFFFF) {
-        head[1] = '\xFE';
-        qToBigEndian(quint16(n), head.data() + 2);
-        size = 4;
-    } else {
-        head[1] = '\xFF';
-        qToBigEndian(n, head.data() + 2);
-        size = 10;
-    }
-    return head.left(size) + QByteArray(4, '\0') + payload;
+    head[1] = char(0x80 | (extended == 0 ? n : extended == 2 ? 126 : 127));
+    for (int i = 0; i < extended; ++i)
+        head[2 + i] = char(n >> 8 * (extended - 1 - i));
+    return head + QByteArray(4, '\0') + payload;
 }
 
 namespace {

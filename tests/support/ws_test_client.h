@@ -1,6 +1,7 @@
 #pragma once
 
-// Clients on 127.0.0.1: a QWebSocket that records what it receives, and a raw TCP one.
+// Clients on 127.0.0.1: a QWebSocket that records what it receives, and a raw
+// TCP one; and what tests around them share: free ports, files written.
 
 #include <QByteArrayList>
 #include <QSslConfiguration>
@@ -28,6 +29,8 @@ WsTestClient *connectClient(WebSocketServer &server, QObject *parent, const QStr
 
 // A port of 127.0.0.1 free a moment ago (TCP, or UDP), as an option's text.
 QString freePort(bool udp = false);
+// `bytes` and nothing else in the file at `path`.
+bool writeFile(const QString &path, const QByteArray &bytes);
 
 // Connects to 127.0.0.1:port and completes the handshake by hand.
 bool rawHandshake(QTcpSocket &socket, quint16 port);

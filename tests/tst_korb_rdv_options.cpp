@@ -5,6 +5,7 @@
 #include "logger/korb_logger_light.h"
 #include "src/korb_env.h"
 #include "src/korb_rdv_options.h"
+#include "support/ws_test_client.h"
 
 #include <QtTest>
 
@@ -55,16 +56,15 @@ private slots:
         Korb::setAppDir(m_tmp.filePath("bin"));
         KorbLoggerLight::instance()->setLogDir(m_tmp.filePath("logs"));
         QFile rec(m_tmp.filePath("rec.rdv"));
-        QVERIFY(rec.open(QIODevice::WriteOnly) && QDir(m_tmp.path()).mkpath("etc"));
-        for (const auto &[name, text] :
-             {std::pair{"relay", "[tls]\ncertificate=/pki/"
-                                 "relay.crt\nkey=relay.key\n[http]\nhealth_silence_s=3\n[domains]\nx=1\n"},
-              {"record", "[record]\ndir=/srv/rec\nfile_mb=1\ntotal_mb=3\nkeep_days=2\ngated=TRUE\n"
-                         "[access]\ndump_quota_mb=5\n"},
-              {"refused", "[record]\nfile_mb=65\ntotal_mb=0\nkeep_days=x\ngated=yes\n"}}) {
-            QFile ini(m_tmp.filePath(QStringLiteral("etc/%1.ini").arg(name)));
-            QVERIFY(ini.open(QIODevice::WriteOnly) && ini.write(text));
-        }
+        const QString etc = m_tmp.filePath("etc/");
+        QVERIFY(rec.open(QIODevice::WriteOnly) && QDir(m_tmp.path()).mkpath("etc") &&
+                RdvTest::writeFile(etc + "relay.ini", "[tls]\ncertificate=/pki/relay.crt\nkey=relay.key\n"
+                                                      "[http]\nhealth_silence_s=3\n[domains]\nx=1\n") &&
+                RdvTest::writeFile(etc + "record.ini",
+                                   "[record]\ndir=/srv/rec\nfile_mb=1\ntotal_mb=3\nkeep_days=2\n"
+                                   "gated=TRUE\n[access]\ndump_quota_mb=5\n") &&
+                RdvTest::writeFile(etc + "refused.ini",
+                                   "[record]\nfile_mb=65\ntotal_mb=0\nkeep_days=x\ngated=yes\n"));
     }
 
     void parse_data()

@@ -90,17 +90,15 @@ private slots:
         QFETCH(bool, gated);
         QFETCH(QList<int>, recorded);
         QTemporaryDir dir;
-        QFile ini(dir.filePath("relay.ini"));
-        QVERIFY(ini.open(QIODevice::WriteOnly) && ini.write(gated ? "[record]\ngated=true\n" : "\n"));
-        ini.close();
+        const QString ini = dir.filePath("relay.ini");
+        QVERIFY(writeFile(ini, gated ? "[record]\ngated=true\n" : "\n"));
         QTcpServer device;
         QUdpSocket datagrams;
         QVERIFY(device.listen(QHostAddress::LocalHost) && datagrams.bind(QHostAddress::LocalHost));
         const quint16 ports[2] = {freePort(true).toUShort(), freePort(true).toUShort()};
         const QString rec = dir.filePath("rec"),
                       addr = QStringLiteral("-addr=127.0.0.1:%1").arg(device.serverPort());
-        QStringList options = {"KorbRdv_streamer", "-p", freePort(), "-cfg", ini.fileName(),
-                               "-record=" + rec,   addr};
+        QStringList options = {"KorbRdv_streamer", "-p", freePort(), "-cfg", ini, "-record=" + rec, addr};
         if (udp)
             options << QStringLiteral("-udp1=%1").arg(ports[0]) << QStringLiteral("-udp2=%1").arg(ports[1]);
         QScopedPointer<KorbRdvStreamer> relay(new KorbRdvStreamer(nullptr, false, options));

@@ -2,6 +2,7 @@
 
 #include "logger/korb_log.h"
 #include "src/korb_app_dir.h"
+#include "src/korb_disk.h"
 
 #include <QCoreApplication>
 #include <QDate>
@@ -10,7 +11,6 @@
 #include <QFileInfo>
 #include <QRegularExpression>
 #include <QTextCodec>
-#include <QTextStream>
 #include <QThread>
 
 #include <cstdio>
@@ -182,15 +182,22 @@ void KorbLoggerLight::writeLineLocked(const QString &lineText, int level)
         return;
     }
     if (f.size() > MaxFileSize) {
-        if (!m_overflowReport.isValid() || m_overflowReport.elapsed() > OverflowReportIntervalMs) {
+        if (reportDue(m_overflowReport))
             consolePrint(m_codec, QStringLiteral("переполнение файла :") + path);
-            m_overflowReport.start();
-        }
         return;
     }
-    QTextStream out(&f);
-    out.setCodec("UTF-8");
-    out << lineText << '\n';
+    const QByteArray bytes = (lineText + QLatin1Char('\n')).toUtf8();
+    // A full disk fails every line: the console hears of it once a minute.
+    if (!Korb::writeFully(f, bytes.constData(), bytes.size()) && reportDue(m_writeFailureReport))
+        consolePrint(m_codec, QStringLiteral("ошибка записи в файл :%1 (%2)").arg(path, f.errorString()));
+}
+
+bool KorbLoggerLight::reportDue(QElapsedTimer &lastReport)
+{
+    if (lastReport.isValid() && lastReport.elapsed() <= ReportIntervalMs)
+        return false;
+    lastReport.start();
+    return true;
 }
 
 void KorbLoggerLight::ensureExpiryTimer()

@@ -22,8 +22,9 @@ public:
     // A day's file that has grown past this receives no more lines that day,
     // so a runaway message cannot fill the disk.
     static constexpr qint64 MaxFileSize = 4194303;
-    // The console hears about an overflowing file at most this often.
-    static constexpr qint64 OverflowReportIntervalMs = 60000;
+    // The console hears about an overflowing file, and about lines a full
+    // disk refuses, at most this often.
+    static constexpr qint64 ReportIntervalMs = 60000;
     // Period of the series expiry timer.
     static constexpr int ExpiryPeriodMs = 360000;
     // Distinct folded records kept at once; the oldest is flushed beyond it,
@@ -86,6 +87,8 @@ private:
     void writeLineLocked(const QString &lineText, int level);
     void writeSeriesLocked(const Recent &r);
     void ensureExpiryTimer();
+    // Whether a console report is due (none within ReportIntervalMs); starts its clock again when it is.
+    static bool reportDue(QElapsedTimer &lastReport);
 
     mutable QMutex m_mutex;
     QString m_dir;
@@ -94,5 +97,6 @@ private:
     int m_consoleLevel = -1;
     QList<Recent> m_recent;
     QElapsedTimer m_overflowReport;
+    QElapsedTimer m_writeFailureReport;
     QTimer m_expiry;
 };

@@ -16,6 +16,8 @@ set(KORB_PKG_LOG_DIR /var/log/${KORB_PKG_NAME})
 set(KORB_PKG_ETC_DIR /etc/${KORB_PKG_NAME})
 set(KORB_PKG_STATE_DIR /var/lib/${KORB_PKG_NAME})
 set(KORB_PKG_TMP_DIR ${KORB_PKG_STATE_DIR}/tmp)
+# The recording folder an operator names with -record= (recording is off until then).
+set(KORB_PKG_REC_DIR ${KORB_PKG_STATE_DIR}/rec)
 set(KORB_PKG_CONFIG KorbRdv_streamer.ini)
 set(KORB_PKG_RECORDING demo.rdv)
 # A few seconds of the simulator's default data: enough for the viewer to

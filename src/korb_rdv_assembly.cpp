@@ -1,17 +1,21 @@
 #include "src/korb_rdv_assembly.h"
 
 #include "logger/korb_log.h"
+#include "src/korb_rdv_disk_writer.h"
 #include "src/korb_rdv_http_service.h"
 #include "src/korb_rdv_mqtt_edge.h"
 #include "src/korb_rdv_mqtt_link.h"
 #include "src/korb_rdv_mqtt_publisher.h"
 #include "src/korb_rdv_playback.h"
+#include "src/korb_rdv_recorder.h"
 #include "src/korb_rdv_tcp_cli.h"
 #include "src/korb_rdv_tls_listener.h"
 #include "src/korb_rdv_udp_cli.h"
 #include "src/korb_rdv_wsserver.h"
 
 #include <QHostAddress>
+
+#include <limits>
 
 KorbRdvAssembly::KorbRdvAssembly(QObject *owner, const KorbRdvOptions &options, const QString &instance)
     : QObject(owner), m_owner(owner), m_options(options), m_instance(instance)
@@ -49,9 +53,38 @@ bool KorbRdvAssembly::openSources()
         m_options.replayFile.clear();
         m_options.udpPorts[0] = m_options.udpPorts[1] = 0;
     }
+    m_playback->setWindow(m_options.replayFromMs.value_or(std::numeric_limits<qint64>::min()),
+                          m_options.replayToMs.value_or(std::numeric_limits<qint64>::max()));
     if (m_options.replay() && !m_server->setFileNm(m_options.replayFile))
         KLOG(m_owner, 0, tr("файл воспроизведения не загружен: %1").arg(m_options.replayFile));
+    openRecorder();
     return openBrokerLinks();
+}
+
+void KorbRdvAssembly::openRecorder()
+{
+    m_writer = new KorbRdvDiskWriter(this);
+    if (m_options.recording.dir.isEmpty())
+        return;
+    if (m_options.replay() || !m_options.mqttSource.isEmpty()) {
+        KLOG(m_owner, 1, tr("запись (-record=) только с устройства: источник - запись или брокер MQTT"));
+        return;
+    }
+    m_recorder = new KorbRdvRecorder(this, m_writer, m_instance, m_options.recording);
+    // Gated, the recorder takes what the gate lets out: the gate runs, as for
+    // a client, whether or not anybody listens.
+    if (m_recorder->gated())
+        m_server->setExternalConsumer(m_recorder, true);
+}
+
+void KorbRdvAssembly::attach(KorbRdvSource *source)
+{
+    source->setDumpWriter(m_writer, m_options.dumpQuotaMb * Korb::BytesPerMiB);
+    if (const QPointer<KorbRdvRecorder> recorder = m_recorder)
+        source->scanner().setNewFrameListener([recorder](const char *frame, bool sent) {
+            if (recorder)
+                recorder->take(frame, sent);
+        });
 }
 
 bool KorbRdvAssembly::openBrokerLinks()
@@ -109,6 +142,7 @@ KorbRdvStreamerTcp *KorbRdvAssembly::createTcpClient()
         return nullptr;
     }
     auto *tcp = new KorbRdvStreamerTcp(m_owner, m_server, m_server, host, port);
+    attach(tcp);
     m_tcpClients.insert(port, tcp);
     return tcp;
 }
@@ -131,6 +165,7 @@ bool KorbRdvAssembly::createConnect()
         delete m_udp;
         m_udp = new KorbRdvStreamerUdp(m_owner, m_server, m_server, ports[0], ports[1]);
         m_udp->setLocalAddress(QHostAddress(QHostAddress::AnyIPv4));
+        attach(m_udp);
         ok = m_udp->bind();
     }
     // Cleared so that a second call does not open a second receiver.
@@ -160,6 +195,12 @@ KorbRdvHealth::Figures KorbRdvAssembly::healthFigures() const
     f.publishing = m_publisher != nullptr;
     if (m_publisher)
         f.brokerDropped = m_publisher->link()->droppedPublishes();
+    f.recording = m_recorder != nullptr;
+    if (m_recorder) {
+        f.recordBytesWritten = m_writer->streamBytesWritten();
+        f.recordFiles = m_writer->streamFiles();
+        f.recordFramesDropped = m_recorder->framesDropped();
+    }
     const auto recent = [this](qint64 ageMs) {
         return ageMs >= 0 && ageMs < qint64(m_options.healthSilenceS) * 1000;
     };

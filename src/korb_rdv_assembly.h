@@ -8,19 +8,23 @@
 #include <QPointer>
 #include <QString>
 
+class KorbRdvDiskWriter;
 class KorbRdvMqttEdge;
 class KorbRdvMqttPublisher;
 class KorbRdvPlayback;
+class KorbRdvRecorder;
+class KorbRdvSource;
 class KorbRdvStreamerTcp;
 class KorbRdvStreamerUdp;
 class WebSocketServer;
 
 // The relay put together from its options: the WebSocket server with its
 // ports (the sink), the one source that feeds it (a TCP device, the UDP
-// receiver, a recording, or a broker topic), and what watches or carries the
-// packets beside the clients (the MQTT publisher, the health figures). The
-// parts it makes belong to `owner`, the streamer, which runs them through
-// its start-up and stop sequence.
+// receiver, a recording, or a broker topic), what watches or carries the
+// packets beside the clients (the MQTT publisher, the health figures), and
+// the disk writer through which the sources' dumps and the recorder of a
+// live device's frames write. The parts it makes belong to `owner`, the
+// streamer, which runs them through its start-up and stop sequence.
 class KorbRdvAssembly : public QObject
 {
     Q_OBJECT
@@ -34,8 +38,9 @@ public:
     // plain port cannot be opened.
     bool openPorts();
     // The source the options name, loaded or linked where it needs no
-    // start-up (a recording, a broker topic), the publisher and the health
-    // figures; false, logged, for an option that names no broker or topic.
+    // start-up (a recording, a broker topic), the disk writer and the
+    // recorder, the publisher and the health figures; false, logged, for an
+    // option that names no broker or topic.
     bool openSources();
     // The TCP client to the device, unless a broker topic is the source or
     // the device address is the relay's own WebSocket port; null then.
@@ -57,6 +62,11 @@ public:
 
 private:
     bool openBrokerLinks();
+    // The disk writer, and the recorder when the options ask for one and
+    // the source is a live device.
+    void openRecorder();
+    // A live source's dumps and frames go to the disk writer and the recorder.
+    void attach(KorbRdvSource *source);
 
     QObject *const m_owner;
     KorbRdvOptions m_options;
@@ -68,4 +78,6 @@ private:
     KorbRdvMqttPublisher *m_publisher = nullptr;
     KorbRdvMqttEdge *m_edge = nullptr;
     KorbRdvHealth *m_health = nullptr;
+    KorbRdvDiskWriter *m_writer = nullptr;
+    KorbRdvRecorder *m_recorder = nullptr;
 };

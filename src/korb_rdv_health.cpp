@@ -62,7 +62,8 @@ Samples buckets(const KorbRdvHistogram &h)
 bool shown(Health::Scope scope, const Health::Figures &f)
 {
     return scope == Health::Scope::Always || (scope == Health::Scope::UdpSource && f.source == "udp") ||
-           (scope == Health::Scope::Publisher && f.publishing);
+           (scope == Health::Scope::Publisher && f.publishing) ||
+           (scope == Health::Scope::Recorder && f.recording);
 }
 
 // The sum of a figure's samples; null while it is not known.
@@ -142,6 +143,9 @@ const QVector<KorbRdvHealth::Figure> &KorbRdvHealth::table()
         {"packets_replaced", "korbrdv_packets_replaced_total", T::Counter, S::Always, "Packets that waited for a slow client and gave way to a newer one.", [](const F &f) { return one(f.packetsReplaced); }},
         {"broker_publishes_dropped", "korbrdv_broker_publishes_dropped_total", T::Counter, S::Publisher, "Packets that never reached the broker.", [](const F &f) { return one(f.brokerDropped); }},
         {"clients_refused", "korbrdv_clients_refused_total", T::Counter, S::Always, "Connections refused before they became clients.", [](const F &f) { return each("reason", f.clientsRefused); }},
+        {"record_bytes_written", "korbrdv_record_bytes_written_total", T::Counter, S::Recorder, "Bytes of the recording that reached the disk.", [](const F &f) { return one(f.recordBytesWritten); }},
+        {"record_files", "korbrdv_record_files_total", T::Counter, S::Recorder, "Recording files begun.", [](const F &f) { return one(f.recordFiles); }},
+        {"record_frames_dropped", "korbrdv_record_frames_dropped_total", T::Counter, S::Recorder, "Frames left out of the recording because the disk fell behind.", [](const F &f) { return one(f.recordFramesDropped); }},
         {nullptr, "korbrdv_ingest_to_send_seconds", T::Histogram, S::Always, "From the read that completed a frame to the first client write of its packet.", [](const F &f) { return buckets(f.ingestToSend); }},
         {nullptr, "process_resident_memory_bytes", T::Gauge, S::Always, "Resident memory size in bytes.", [](const F &f) { return one(f.residentBytes); }},
         {nullptr, "process_cpu_seconds_total", T::Counter, S::Always, "Total user and system CPU time spent in seconds.", [](const F &f) { return one(f.cpuSeconds); }},

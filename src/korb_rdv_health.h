@@ -37,6 +37,7 @@ public:
         bool sourceUp = false;      // delivering now (see the assembly)
         qint64 lastFrameAgeMs = -1; // -1: no frame yet
         bool publishing = false;    // a broker link publishes the packets
+        bool recording = false;     // a recorder writes the device's frames
         qint64 uptimeS = 0;
         qint64 framesAccepted = 0;
         qint64 datagramsAccepted = 0;
@@ -47,6 +48,9 @@ public:
         qint64 packetsReplaced = 0;
         qint64 brokerDropped = 0;
         Labelled clientsRefused; // by reason
+        qint64 recordBytesWritten = 0;
+        qint64 recordFiles = 0;
+        qint64 recordFramesDropped = 0;
         KorbRdvHistogram ingestToSend;
         // The process, as Prometheus client libraries report it.
         qint64 residentBytes = -1;
@@ -60,7 +64,7 @@ public:
     // so that an idle relay's lines fold.
     enum class Type { Counter, Gauge, Clock, Histogram };
     // When /metrics shows a figure: some belong to one kind of source or link.
-    enum class Scope { Always, UdpSource, Publisher };
+    enum class Scope { Always, UdpSource, Publisher, Recorder };
     // One line of a figure in /metrics: the suffix of its name, its labels, its value.
     struct Sample
     {

@@ -14,8 +14,8 @@ KorbRdvMqttPublisher::KorbRdvMqttPublisher(QObject *parent, WebSocketServer *ser
 {
     setObjectName(QStringLiteral("mqtt_pub"));
     connect(server, &WebSocketServer::binaryBroadcast, this, &KorbRdvMqttPublisher::offer);
-    connect(m_link, &KorbRdvMqttLink::up, this, [this] { m_server->setExternalConsumers(1); });
-    connect(m_link, &KorbRdvMqttLink::down, this, [this] { m_server->setExternalConsumers(0); });
+    connect(m_link, &KorbRdvMqttLink::up, this, [this] { m_server->setExternalConsumer(this, true); });
+    connect(m_link, &KorbRdvMqttLink::down, this, [this] { m_server->setExternalConsumer(this, false); });
 }
 
 void KorbRdvMqttPublisher::offer(const QByteArray &packet)

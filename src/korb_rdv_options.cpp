@@ -5,10 +5,13 @@
 #include "src/korb_env.h"
 #include "src/korb_host_port.h"
 
+#include <QDateTime>
 #include <QDir>
 #include <QFileInfo>
 #include <QSettings>
 #include <QTextCodec>
+
+#include <limits>
 
 namespace {
 
@@ -43,9 +46,42 @@ bool takeDevice(Options &o, const QString &v)
 bool takeReplayFile(Options &o, const QString &v)
 {
     const QFileInfo file(Korb::getAbsPath(v));
-    if (v.isEmpty() || !file.isFile())
+    if (v.isEmpty() || !(file.isFile() || file.isDir()))
         return false;
     o.replayFile = file.absoluteFilePath();
+    return true;
+}
+
+// ISO 8601 such as 2026-11-24T03:00:00Z; without a zone, UTC as well.
+bool takeTime(std::optional<qint64> *at, const QString &v)
+{
+    QDateTime time = QDateTime::fromString(v, Qt::ISODateWithMs);
+    if (!time.isValid())
+        return false;
+    if (time.timeSpec() == Qt::LocalTime)
+        time.setTimeSpec(Qt::UTC);
+    *at = time.toMSecsSinceEpoch();
+    return true;
+}
+
+// A whole number in min..max; a refused one leaves the value as it was.
+template <typename T> bool takeNumber(T *to, const QString &v, qint64 min, qint64 max)
+{
+    bool ok = false;
+    const qint64 n = v.trimmed().toLongLong(&ok);
+    if (!ok || n < min || n > max)
+        return false;
+    *to = T(n);
+    return true;
+}
+
+bool takeFlag(bool *to, const QString &v)
+{
+    const QString word = v.trimmed().toLower();
+    const bool yes = word == QLatin1String("true") || word == QLatin1String("1");
+    if (!yes && word != QLatin1String("false") && word != QLatin1String("0"))
+        return false;
+    *to = yes;
     return true;
 }
 
@@ -71,14 +107,9 @@ bool takeUdpPort(quint16 *port, const QString &v)
     return ok && p >= 1 && p <= 65534;
 }
 
-// A whole number of at least 1; a refused one leaves the value as it was.
 bool takePositive(int *value, const QString &v)
 {
-    bool ok = false;
-    const int n = v.toInt(&ok);
-    if (ok && n >= 1)
-        *value = n;
-    return ok && n >= 1;
+    return takeNumber(value, v, 1, std::numeric_limits<int>::max());
 }
 
 bool takePort(Options &o, const QString &v)
@@ -175,7 +206,38 @@ const QVector<KorbRdvOptions::Row> &KorbRdvOptions::table()
          [](Options &o, const QString &v) { return takeUdpPort(&o.udpPorts[1], v); },
          QStringLiteral("arg udp port 2 default: disable")},
         {"-file=", Form::Attached, nullptr, "RECORDING", "none",
-         "replay a recorded file instead of a live device (up to 64 MiB)", takeReplayFile},
+         "replay a recorded file (up to 64 MiB), or every `.rdv` file of a folder in name order, instead of a "
+         "live device", takeReplayFile},
+        {"-from=", Form::Attached, nullptr, "TIME", "none",
+         "replay only frames stamped at or after TIME (ISO 8601 UTC, `2026-11-24T03:00:00Z`)",
+         [](Options &o, const QString &v) { return takeTime(&o.replayFromMs, v); }},
+        {"-to=", Form::Attached, nullptr, "TIME", "none", "replay only frames stamped before TIME",
+         [](Options &o, const QString &v) { return takeTime(&o.replayToMs, v); }},
+        {"-record=", Form::Attached, "record/dir", "DIR", "none",
+         "record every frame the source accepts into files in DIR, see \"Recording and replay\"",
+         [](Options &o, const QString &v) {
+             o.recording.dir = v.isEmpty() ? QString() : Korb::getAbsPath(v);
+             return !v.isEmpty();
+         }},
+        {nullptr, Form::File, "record/file_mb", "MB", QString::number(Options::Recording::MaxFileMb),
+         "a new recording file once the current one holds this many MiB (1 to 64), or at the top of the hour",
+         [](Options &o, const QString &v) {
+             return takeNumber(&o.recording.fileMb, v, Options::Recording::MinFileMb,
+                               Options::Recording::MaxFileMb);
+         }},
+        {nullptr, Form::File, "record/total_mb", "MB", QString::number(Options().recording.totalMb),
+         "the relay's recordings in DIR take at most this many MiB; the oldest go first",
+         [](Options &o, const QString &v) {
+             return takeNumber(&o.recording.totalMb, v, 1, Options::Recording::MaxTotalMb);
+         }},
+        {nullptr, Form::File, "record/keep_days", "DAYS", QString::number(Options().recording.keepDays),
+         "recordings older than this many days are removed",
+         [](Options &o, const QString &v) {
+             return takeNumber(&o.recording.keepDays, v, 1, Options::Recording::MaxKeepDays);
+         }},
+        {nullptr, Form::File, "record/gated", "true|false", "false",
+         "record only the frames whose packets went out (the send interval's rate gate)",
+         [](Options &o, const QString &v) { return takeFlag(&o.recording.gated, v); }},
         {"-mqtt=", Form::Attached, nullptr, "HOST[:PORT]", "none",
          "also publish every packet on an MQTT broker (default port 1883)",
          [](Options &o, const QString &v) { o.mqttTarget = v; return true; }},
@@ -201,6 +263,9 @@ const QVector<KorbRdvOptions::Row> &KorbRdvOptions::table()
          "web pages (origins such as `https://portal.plant.lan`, comma-separated, or `*`) allowed to connect "
          "besides the relay's own and pages opened from disk",
          [](Options &o, const QString &v) { o.origins = v; return true; }},
+        {"-dump_quota_mb=", Form::Attached, "access/dump_quota_mb", "N", QString::number(Options::DefaultDumpQuotaMb),
+         "the dump files (`zz-…` in ../tmp) take at most N MiB together; the oldest go first",
+         [](Options &o, const QString &v) { return takeNumber(&o.dumpQuotaMb, v, 1, Options::MaxDumpQuotaMb); }},
         {nullptr, Form::File, "access/tokens", "FILE", QLatin1String(Korb::DefaultTokenFile),
          "the operators' tokens, one a line; when the file exists, only their holders may send commands",
          [](Options &o, const QString &v) { o.tokenFile = v; return true; }},

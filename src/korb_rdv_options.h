@@ -1,5 +1,6 @@
 #pragma once
 
+#include "src/korb_disk.h"
 #include "src/korb_rdv_settings.h"
 
 #include <QByteArray>
@@ -52,6 +53,27 @@ struct KorbRdvOptions
     // log threshold, the logger's directory and codec.
     void applyProcessWide() const;
 
+    // Continuous recording: -record=DIR and the [record] group.
+    struct Recording
+    {
+        // The largest file playback loads whole.
+        static constexpr int MaxFileMb = int(Korb::DefaultMaxFileSize / Korb::BytesPerMiB);
+        // A smaller file would rotate many times a second at the device's rate.
+        static constexpr int MinFileMb = 1;
+        // Beyond any disk, and far from overflowing a count of bytes.
+        static constexpr qint64 MaxTotalMb = qint64(1) << 30;
+        // A century: beyond any plan, and far from overflowing a count of milliseconds.
+        static constexpr int MaxKeepDays = 36500;
+
+        QString dir; // absolute; empty: no recording
+        int fileMb = MaxFileMb;
+        qint64 totalMb = 10240;
+        int keepDays = 7;
+        bool gated = false; // only the frames whose packets went out
+    };
+    // Dump files kept together (-dump_quota_mb=), default and largest (as MaxTotalMb).
+    static constexpr qint64 DefaultDumpQuotaMb = 1024;
+    static constexpr qint64 MaxDumpQuotaMb = Recording::MaxTotalMb;
     // Seconds without a frame after which /healthz calls a live source stale.
     static constexpr int DefaultHealthSilenceS = 10;
 
@@ -64,7 +86,10 @@ struct KorbRdvOptions
     bool noFile = false;    // read no configuration file
     QString deviceHost;     // the TCP device
     quint16 devicePort = 0;
-    QString replayFile;           // absolute, an existing file; empty: a live source
+    QString replayFile; // absolute, an existing file or folder; empty: a live source
+    // The window of a replay, in ms since 1970 (UTC): frames stamped from..to (excluded).
+    std::optional<qint64> replayFromMs;
+    std::optional<qint64> replayToMs;
     quint16 udpPorts[2] = {0, 0}; // both or neither
     std::optional<quint16> sendIntervalMs;
     int maxClients = Korb::DefaultMaxClients;
@@ -78,6 +103,8 @@ struct KorbRdvOptions
     QString tlsKey;                 // absolute
     QString origins;                // pages allowed to connect besides the relay's own: a list, or "*"
     QString tokenFile;              // absolute; when it exists, only its tokens' holders may steer
+    qint64 dumpQuotaMb = DefaultDumpQuotaMb;
+    Recording recording;
     int healthSilenceS = DefaultHealthSilenceS;
 
     // Names (or INI keys) of the options the command line gave.

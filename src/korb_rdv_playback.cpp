@@ -3,6 +3,7 @@
 #include "logger/korb_log.h"
 #include "src/korb_rdv_settings.h"
 
+#include <QDir>
 #include <QFileInfo>
 #include <QTimerEvent>
 
@@ -20,22 +21,52 @@ KorbRdvPlayback::~KorbRdvPlayback() = default;
 
 bool KorbRdvPlayback::load(const QString &name)
 {
-    if (!QFileInfo::exists(name))
+    const QFileInfo info(name);
+    if (!info.exists())
         return false;
     pause();
+    m_folder = info.isDir() ? info.absoluteFilePath() : QString();
+    const QString first = m_folder.isEmpty() ? name : nextInFolder(QString());
+    if (first.isEmpty()) {
+        KTRACE << "no .rdv files in" << name;
+        unload();
+        return false;
+    }
+    if (!open(first))
+        return false;
+    m_thinned = 0;
+    m_passes = 0;
+    restart(true);
+    return true;
+}
+
+void KorbRdvPlayback::setWindow(qint64 fromMs, qint64 toMs)
+{
+    m_fromMs = fromMs;
+    m_toMs = toMs;
+}
+
+void KorbRdvPlayback::unload()
+{
     m_played.close();
     m_scan.resetBuffer(0); // the map refers into the image that goes now
     m_image.reset();
     m_loaded = 0;
-    m_played.setFileName(name);
+    m_pos = 0;
+}
+
+bool KorbRdvPlayback::open(const QString &file)
+{
+    unload();
+    m_played.setFileName(file);
     if (!m_played.open(QIODevice::ReadOnly)) {
-        KTRACE << "file no open ro mode" << name;
+        KTRACE << "file no open ro mode" << file;
         return false;
     }
     const qint64 size = m_played.size();
     const int limit = Korb::maxPlaybackFileSize;
     if (size > limit || limit <= 0) {
-        KTRACE << "file size >" << limit << name;
+        KTRACE << "file size >" << limit << file;
         m_played.close();
         return false;
     }
@@ -56,11 +87,19 @@ bool KorbRdvPlayback::load(const QString &name)
         pos += got;
     }
     m_loaded = int(qMin(size, pos));
-    m_thinned = 0;
-    m_passes = 0;
-    restart(true);
-    KTRACE << "playback file" << name << m_loaded << "bytes";
+    KTRACE << "playback file" << file << m_loaded << "bytes";
     return true;
+}
+
+QString KorbRdvPlayback::nextInFolder(const QString &current) const
+{
+    // Listed anew each time: a recorder may be adding files, its quota removing them.
+    const QDir dir(m_folder);
+    const QString after = QFileInfo(current).fileName();
+    for (const QString &name : dir.entryList({QStringLiteral("*.rdv")}, QDir::Files, QDir::Name))
+        if (current.isEmpty() || name > after)
+            return dir.filePath(name);
+    return QString();
 }
 
 void KorbRdvPlayback::restart(bool rewind)
@@ -69,6 +108,9 @@ void KorbRdvPlayback::restart(bool rewind)
     m_paced = false;
     if (!rewind)
         return;
+    const QString first = m_folder.isEmpty() ? QString() : nextInFolder(QString());
+    if (!first.isEmpty() && first != m_played.fileName())
+        open(first);
     m_pos = 0;
     // A fresh gate and map: the first frame goes out first.
     m_scan.resetBuffer(0);
@@ -131,9 +173,14 @@ bool KorbRdvPlayback::step()
     for (;;) {
         const int at = nextFrame(m_pos);
         if (at < 0)
-            return endOfPass();
+            return nextFile() || endOfPass();
         const char *const f = m_image.get() + at;
         const quint64 ms = Rdv::timeMs(f);
+        const int length = Rdv::frameLength(f);
+        if (qint64(ms) < m_fromMs || qint64(ms) >= m_toMs) {
+            m_pos = at + length; // outside the window, as if not recorded
+            continue;
+        }
         // Frames are due by their time stamps, counted from the frame the
         // pacing clock started at. A stamp behind the previous one, or far
         // ahead of it, starts the clock again at that frame.
@@ -151,7 +198,6 @@ bool KorbRdvPlayback::step()
         if (ms - m_anchorMs > quint64(m_clock.elapsed()))
             return true; // not due yet
         m_prevMs = ms;
-        const int length = Rdv::frameLength(f);
         m_pos = at + length;
         m_passHasFrames = true;
         const bool sent = m_scan.accept(f);
@@ -167,6 +213,17 @@ bool KorbRdvPlayback::step()
     }
 }
 
+bool KorbRdvPlayback::nextFile()
+{
+    if (m_folder.isEmpty())
+        return false;
+    // The pacing goes on into the next file; a tick loads at most one.
+    for (QString next = nextInFolder(m_played.fileName()); !next.isEmpty(); next = nextInFolder(next))
+        if (open(next))
+            return true;
+    return false;
+}
+
 bool KorbRdvPlayback::endOfPass()
 {
     const bool hadFrames = m_passHasFrames;
@@ -180,8 +237,11 @@ bool KorbRdvPlayback::endOfPass()
     } else {
         // Rescanning a file without frames on every tick would only burn the processor.
         KTRACE << "##################### warn"
-               << "no frames in" << m_played.fileName();
+               << "no frames in" << (m_folder.isEmpty() ? m_played.fileName() : m_folder);
     }
+    const QString first = m_folder.isEmpty() ? QString() : nextInFolder(QString());
+    if (!m_folder.isEmpty() && (first.isEmpty() || !open(first)))
+        return false;
     // The next pass starts the clock at its first frame, which is not a jump.
     m_pos = 0;
     m_paced = false;

@@ -5,8 +5,6 @@
 #include "src/korb_rdv_settings.h"
 #include "src/korb_rdv_sink.h"
 
-#include <QIODevice>
-
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -143,12 +141,18 @@ bool KorbRdvScanner::accept(const char *frame, const char *kind1OfThisScan)
 
 bool KorbRdvScanner::acceptFrame(const char *frame, const char *kind1OfThisScan, bool isNew)
 {
-    const quint64 ms = Rdv::timeMs(frame);
+    const bool sent = gate(frame, kind1OfThisScan);
     if (isNew) {
         ++m_framesAccepted;
         if (m_newFrame)
-            m_newFrame(frame);
+            m_newFrame(frame, sent);
     }
+    return sent;
+}
+
+bool KorbRdvScanner::gate(const char *frame, const char *kind1OfThisScan)
+{
+    const quint64 ms = Rdv::timeMs(frame);
     m_frameSize = Rdv::frameLength(frame);
     m_lastFrameTime = quint64(Rdv::secondsSince2000(frame));
     m_lastKind = Rdv::kind(frame);
@@ -323,34 +327,33 @@ const char *KorbRdvScanner::append(const char *data, int len)
     return at;
 }
 
-void KorbRdvScanner::writeBuf(QIODevice *out) const
+QByteArray KorbRdvScanner::bufDump() const
 {
     const char *const buf = m_charBuff.get();
-    if (!buf || !out)
-        return;
+    if (!buf)
+        return QByteArray();
     // The oldest data lies behind the fill end; it starts at the first whole
     // frame there, so the file begins on a frame boundary.
     const int start = findHeader(buf, m_fillEnd, m_charBuffSize - 1, m_search);
-    if (start >= 0)
-        out->write(buf + start, m_charBuffSize - start);
-    out->write(buf, m_fillEnd);
+    const int older = start >= 0 ? m_charBuffSize - start : 0;
+    QByteArray out(older + m_fillEnd, Qt::Uninitialized);
+    std::memcpy(out.data(), buf + qMax(start, 0), size_t(older));
+    std::memcpy(out.data() + older, buf, size_t(m_fillEnd));
+    return out;
 }
 
-void KorbRdvScanner::writeCsv(QIODevice *out) const
+QByteArray KorbRdvScanner::csvDump() const
 {
-    if (!out)
-        return;
-    out->write("x;y\r\n");
+    QByteArray text = "x;y\r\n";
     const char *const buf = m_charBuff.get();
     if (!buf)
-        return;
+        return text;
     const int pos = qint64(m_fillEnd) + m_frameSize > m_charBuffSize ? 0 : m_fillEnd;
     const char *const f = buf + pos;
     if (!Rdv::headerValid(f))
-        return;
+        return text;
     const int values = 2 * Rdv::sampleCount(f);
     const bool narrow = Rdv::kind(f) == 1;
-    QByteArray text;
     text.reserve(values * 12);
     for (int i = 0; i < values; ++i) {
         const qint64 v = narrow ? qAbs(qint64(Rdv::readLE<qint16>(f, Rdv::HeaderSize + 2 * i)))
@@ -360,5 +363,5 @@ void KorbRdvScanner::writeCsv(QIODevice *out) const
         text += QByteArray::number(v);
         text += "\r\n";
     }
-    out->write(text);
+    return text;
 }

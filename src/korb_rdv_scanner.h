@@ -3,6 +3,7 @@
 #include "src/korb_rdv_settings.h"
 #include "src/korb_rdv_wire.h"
 
+#include <QByteArray>
 #include <QElapsedTimer>
 #include <QtGlobal>
 
@@ -10,7 +11,6 @@
 #include <memory>
 
 class KorbRdvSink;
-class QIODevice;
 
 // The road every device frame takes, whatever its source: the character
 // buffer a stream source writes into and the search for frames in it, and
@@ -78,9 +78,10 @@ public:
     // once (a scan's new look at the last one is not counted), for the
     // health figures.
     qint64 framesAccepted() const { return m_framesAccepted; }
-    // Called with each of those frames as the accept step takes it, before
-    // the gate; the frame is valid during the call.
-    void setNewFrameListener(std::function<void(const char *frame)> listener)
+    // Called with each of those frames as the accept step has taken it, and
+    // whether it opened the gate (its packet went to the sink); the frame is
+    // valid during the call.
+    void setNewFrameListener(std::function<void(const char *frame, bool sent)> listener)
     {
         m_newFrame = std::move(listener);
     }
@@ -114,13 +115,14 @@ public:
     void holdPackets();
     void releasePackets(bool newestOnly);
 
-    // The whole buffer in ring order: from the first valid header after the
-    // fill end to the buffer's end, then from the start to the fill end.
-    void writeBuf(QIODevice *out) const;
+    // What the dumps write, as one copy each. The whole buffer in ring order:
+    // from the first valid header after the fill end to the buffer's end,
+    // then from the start to the fill end.
+    QByteArray bufDump() const;
     // "x;y" then one "%1;%2" line per value of the oldest frame still in the
     // ring (the one at the fill end, or at 0 when a frame would not fit
     // there); only the title when no valid header stands there.
-    void writeCsv(QIODevice *out) const;
+    QByteArray csvDump() const;
 
     // First offset in [from, last] that holds a valid frame header, or -1.
     // Like the header test, it reads up to 18 bytes beyond `last`.
@@ -133,6 +135,8 @@ private:
     // The accept step; `isNew` is false for the scan's new look at the last
     // accepted frame, which goes through the gate all the same.
     bool acceptFrame(const char *frame, const char *kind1OfThisScan, bool isNew);
+    // The channel map and the rate gate; true when the sink was handed the frame or the map.
+    bool gate(const char *frame, const char *kind1OfThisScan);
     // Scans from the scan position to the fill end and accepts the frames.
     void calcBuff(bool verbose);
     // The fill starts again at 0; the map's frames in the buffer are kept first.
@@ -183,5 +187,5 @@ private:
     QElapsedTimer m_throughput;
     Search m_search = Search::Simd;
     qint64 m_framesAccepted = 0;
-    std::function<void(const char *)> m_newFrame;
+    std::function<void(const char *, bool)> m_newFrame;
 };

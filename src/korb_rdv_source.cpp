@@ -2,10 +2,12 @@
 
 #include "logger/korb_log.h"
 #include "src/korb_env.h"
+#include "src/korb_rdv_disk_writer.h"
 #include "src/korb_rdv_sink.h"
 
 #include <QDir>
 #include <QFileInfo>
+#include <QRegularExpression>
 #include <QTimerEvent>
 
 #include <sys/socket.h>
@@ -32,7 +34,8 @@ QString KorbRdvSource::makeDumpFileName(const QString &ext)
     const QString dir = dumpDir();
     QDir().mkpath(dir);
     const QString suffix = ext.trimmed().left(4);
-    const QString name = QStringLiteral("zz-%1_%2_%3.%4")
+    const QString name = QLatin1String(DumpPrefix) +
+                         QStringLiteral("%1_%2_%3.%4")
                              .arg(m_scan.lastKind() == 1 ? QStringLiteral("uzk") : QStringLiteral("vtp"))
                              .arg(m_scan.lastFrameTime())
                              .arg(m_fileCounter++, 4, 10, QLatin1Char('0'))
@@ -74,14 +77,20 @@ void KorbRdvSource::runCmd(const QString &cmd)
               tr("дамп \"%1\" не записан: не более %2 за %3 мс").arg(c).arg(DumpBurst).arg(DumpWindowMs));
         return;
     }
-    m_file.setFileName(makeDumpFileName(buf ? QString() : QStringLiteral("csv")));
-    m_file.open(QIODevice::WriteOnly);
-    KLOG(this, 2, QStringLiteral("m_file.open %1").arg(m_file.fileName()));
-    if (buf)
-        m_scan.writeBuf(&m_file);
-    else
-        m_scan.writeCsv(&m_file);
-    m_file.close();
+    const QString name = makeDumpFileName(buf ? QString() : QStringLiteral("csv"));
+    const Korb::FileBound dumps{dumpDir(), QRegularExpression(QLatin1Char('^') + QLatin1String(DumpPrefix)),
+                                m_dumpQuota};
+    if (!m_dumpWriter || !m_dumpWriter->writeFile(name, buf ? m_scan.bufDump() : m_scan.csvDump(), dumps)) {
+        KLOGF(this, 1, tr("дамп \"%1\" не записан: запись на диск занята").arg(c));
+        return;
+    }
+    KLOG(this, 2, QStringLiteral("m_file.open %1").arg(name));
+}
+
+void KorbRdvSource::setDumpWriter(KorbRdvDiskWriter *writer, qint64 quotaBytes)
+{
+    m_dumpWriter = writer;
+    m_dumpQuota = quotaBytes;
 }
 
 int KorbRdvSource::requestReceiveBuffer(qintptr descriptor)
@@ -155,10 +164,6 @@ void KorbRdvSource::timerEvent(QTimerEvent *event)
         killTimer(m_watchdogId);
         m_watchdogId = startTimer(int(m_watchdogMs - quiet));
         return;
-    }
-    if (m_file.isOpen()) {
-        KTRACE << m_watchdogId << "close";
-        m_file.close();
     }
     stopWatchdog();
     // A silence ends the burst: the next data starts with a fresh buffer,

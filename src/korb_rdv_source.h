@@ -3,11 +3,12 @@
 #include "src/korb_rdv_scanner.h"
 
 #include <QElapsedTimer>
-#include <QFile>
 #include <QObject>
+#include <QPointer>
 #include <QQueue>
 #include <QString>
 
+class KorbRdvDiskWriter;
 class KorbRdvSink;
 class QTimerEvent;
 
@@ -23,12 +24,15 @@ public:
     // Kernel receive buffer asked for on the device's sockets: a burst of
     // full-size frames must fit while the event loop is busy elsewhere.
     static constexpr int SocketReceiveBufferSize = 8 * 1024 * 1024;
-    // A dump writes up to the whole 64 MiB buffer synchronously, in the event
-    // loop: a few back to back (a csv beside a buf) are served, but no more
-    // than DumpBurst per DumpWindowMs and source, so that a client repeating
-    // the command cannot hold the relay or fill the disk at the rate it types.
+    // A dump copies up to the whole 64 MiB buffer in the event loop (the
+    // disk writer's thread writes it): a few back to back (a csv beside a
+    // buf) are served, but no more than DumpBurst per DumpWindowMs and
+    // source, so that a client repeating the command cannot hold the relay
+    // at the rate it types.
     static constexpr int DumpBurst = 4;
     static constexpr int DumpWindowMs = 20000;
+    // Names of the dump files; all of them in dumpDir() share the dump quota.
+    static constexpr const char *DumpPrefix = "zz-";
 
     ~KorbRdvSource() override;
 
@@ -45,6 +49,9 @@ public:
 
     // Serial number the next dump file name will carry.
     int fileCounter() const { return m_fileCounter; }
+    // Where the dumps are written, and what all dump files may take
+    // together; without a writer, dumps are refused.
+    void setDumpWriter(KorbRdvDiskWriter *writer, qint64 quotaBytes);
 
     // Directory of the dump files: "../tmp" beside the application.
     static QString dumpDir();
@@ -93,7 +100,6 @@ protected:
 
     KorbRdvSink *const m_sink;
     KorbRdvScanner m_scan;
-    QFile m_file;
 
 private:
     // Whether a dump may be written now; counts it when it may.
@@ -107,6 +113,8 @@ private:
     QElapsedTimer m_dumpClock;
     QQueue<qint64> m_dumpTimes; // of the dumps within the last DumpWindowMs
     int m_fileCounter = 0;
+    QPointer<KorbRdvDiskWriter> m_dumpWriter;
+    qint64 m_dumpQuota = 0;
     int m_bufferCapacity = KorbRdvScanner::MaxBufferSize;
     bool m_receiveBufferWarned = false;
 };

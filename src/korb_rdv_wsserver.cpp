@@ -129,10 +129,13 @@ void WebSocketServer::setMaxClients(int clients)
         listener->setMaxHandshakes(m_maxClients);
 }
 
-void WebSocketServer::setExternalConsumers(int count)
+void WebSocketServer::setExternalConsumer(const QObject *consumer, bool consumes)
 {
     const bool had = consumerCount() > 0;
-    m_externalConsumers = qMax(0, count);
+    if (consumes)
+        m_externalConsumers.insert(consumer);
+    else
+        m_externalConsumers.remove(consumer);
     if (had != (consumerCount() > 0))
         follow(!had); // a broker link is a consumer like a client
 }
@@ -206,7 +209,7 @@ bool WebSocketServer::removeClient(quint64 descriptor)
     socket->deleteLater();
     // Deliberately "at most one": the last remaining listener does not keep
     // playback going after an explicit removal; a broker link still does.
-    if (m_clients.size() <= 1 && m_externalConsumers == 0 && m_player)
+    if (m_clients.size() <= 1 && m_externalConsumers.isEmpty() && m_player)
         m_player->pause();
     return true;
 }

@@ -9,6 +9,7 @@
 #include "src/korb_rdv_ws_listener.h"
 
 #include <QMap>
+#include <QSet>
 #include <QVariant>
 #include <QWebSocket>
 #include <QWebSocketServer>
@@ -79,10 +80,11 @@ public:
     // Clients of the TLS port alone.
     int tlsClientCount() const;
     // Clients plus the consumers outside the table (a broker link that
-    // publishes the packets): packets are built, and playback runs, while
-    // there is any.
-    int consumerCount() const override { return m_clients.size() + m_externalConsumers; }
-    void setExternalConsumers(int count);
+    // publishes the packets, a recorder that keeps the frames whose packets
+    // went out): packets are built, and playback runs, while there is any.
+    int consumerCount() const override { return m_clients.size() + m_externalConsumers.size(); }
+    // `consumer` takes the packets beside the clients, or no longer does.
+    void setExternalConsumer(const QObject *consumer, bool consumes);
 
     void sendRdv(const RdvFrame *frame) override;
     void sendRdv(const RdvChannelMap &channels) override;
@@ -148,7 +150,7 @@ private:
     KorbRdvWsListener *m_listener; // the plain port's, first of the listeners
     QList<KorbRdvWsListener *> m_listeners;
     int m_maxClients = Korb::DefaultMaxClients;
-    int m_externalConsumers = 0;
+    QSet<const QObject *> m_externalConsumers;
     // The client table, ordered by socket pointer: broadcasts visit it in that order.
     QMap<QWebSocket *, KorbRdvWsClient *> m_clients;
     KorbRdvFanOut *m_fanOut;

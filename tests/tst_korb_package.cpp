@@ -134,8 +134,9 @@ private slots:
         const SvcRun install = container.exec(
             {"dpkg", "-i", PackageInContainer + QLatin1Char('/') + QFileInfo(m_package).fileName()});
         QVERIFY2(install.exitCode == 0, qPrintable(text(install)));
-        // Installing starts nothing.
+        // Installing starts nothing; the recording folder waits to be named.
         QCOMPARE(container.exec({"pgrep", "-f", "^/usr/lib/korbrdv/bin/"}).exitCode, 1);
+        QCOMPARE(container.exec({"test", "-d", "/var/lib/korbrdv/rec"}).exitCode, 0);
 
         // Through the link on the PATH, the installer still names the real program.
         const QString relay = QStringLiteral("/usr/lib/korbrdv/bin/KorbRdv_streamer");

@@ -5,6 +5,7 @@
 #include "logger/korb_logger_light.h"
 #include "src/korb_env.h"
 #include "src/korb_rdv_options.h"
+#include "support/ws_test_client.h"
 
 #include <QtTest>
 
@@ -31,6 +32,14 @@ QString settled(const KorbRdvOptions &o, const QString &root)
                        "nofile=" + QString::number(o.noFile),
                        "cert=" + rel(o.tlsCertificate),
                        "key=" + rel(o.tlsKey),
+                       QStringLiteral("record=%1,%2,%3,%4,%5")
+                           .arg(rel(o.recording.dir))
+                           .arg(o.recording.fileMb)
+                           .arg(o.recording.totalMb)
+                           .arg(o.recording.keepDays)
+                           .arg(o.recording.gated),
+                       QStringLiteral("window=%1,%2").arg(opt(o.replayFromMs), opt(o.replayToMs)),
+                       "dumps=" + QString::number(o.dumpQuotaMb),
                        "silence=" + QString::number(o.healthSilenceS),
                        ""}
         .join(' ');
@@ -47,11 +56,15 @@ private slots:
         Korb::setAppDir(m_tmp.filePath("bin"));
         KorbLoggerLight::instance()->setLogDir(m_tmp.filePath("logs"));
         QFile rec(m_tmp.filePath("rec.rdv"));
-        QFile ini(m_tmp.filePath("etc/relay.ini"));
+        const QString etc = m_tmp.filePath("etc/");
         QVERIFY(rec.open(QIODevice::WriteOnly) && QDir(m_tmp.path()).mkpath("etc") &&
-                ini.open(QIODevice::WriteOnly) &&
-                ini.write("[tls]\ncertificate=/pki/relay.crt\nkey=relay.key\n"
-                          "[http]\nhealth_silence_s=3\n[domains]\nx=1\n"));
+                RdvTest::writeFile(etc + "relay.ini", "[tls]\ncertificate=/pki/relay.crt\nkey=relay.key\n"
+                                                      "[http]\nhealth_silence_s=3\n[domains]\nx=1\n") &&
+                RdvTest::writeFile(etc + "record.ini",
+                                   "[record]\ndir=/srv/rec\nfile_mb=1\ntotal_mb=3\nkeep_days=2\n"
+                                   "gated=TRUE\n[access]\ndump_quota_mb=5\n") &&
+                RdvTest::writeFile(etc + "refused.ini",
+                                   "[record]\nfile_mb=65\ntotal_mb=0\nkeep_days=x\ngated=yes\n"));
     }
 
     void parse_data()
@@ -59,7 +72,7 @@ private slots:
         QTest::addColumn<QStringList>("arguments");
         QTest::addColumn<QString>("expected"); // items of settled(), each followed by a blank
         // clang-format off
-        QTest::newRow("nothing given: the defaults") << QStringList{} << "port=3005 tls=0 device=127.0.0.1:3005 udp=0,0 interval=- clients=1024 replay= mqtt=| lt=-? ld= tc= cfg=~/etc/KorbRdv_streamer.ini nofile=0 cert=~/etc/korb.crt key=~/etc/korb.key silence=10";
+        QTest::newRow("nothing given: the defaults") << QStringList{} << "port=3005 tls=0 device=127.0.0.1:3005 udp=0,0 interval=- clients=1024 replay= mqtt=| lt=-? ld= tc= cfg=~/etc/KorbRdv_streamer.ini nofile=0 cert=~/etc/korb.crt key=~/etc/korb.key record=,64,10240,7,0 window=-,- dumps=1024 silence=10";
         QTest::newRow("-p 0 and -p 1 end as 3005") << QStringList{"-p", "1", "-p", "0"} << "port=3005";
         QTest::newRow("-p 0x10 hexadecimal; ff hexadecimal when not decimal") << QStringList{"-p", "0x10", "-P", "ff"} << "port=255";
         QTest::newRow("-p 65534 and a value of neither base end as 3005") << QStringList{"-p", "65534", "-p", "zz"} << "port=3005";
@@ -73,6 +86,11 @@ private slots:
         QTest::newRow("device: bracketed IPv6 and port") << QStringList{"-addr=[::1]:4001"} << "device=::1:4001";
         QTest::newRow("client limit; 0 refused") << QStringList{"-max_clients=5", "-max_clients=0"} << "clients=5";
         QTest::newRow("-file= of nothing, then of a file") << QStringList{"-file=" + m_tmp.filePath("none.rdv"), "-file=../rec.rdv"} << "replay=~/rec.rdv";
+        QTest::newRow("-file= of a folder") << QStringList{"-file=.."} << "replay=~";
+        QTest::newRow("a window in UTC, without a zone too; a time that is none refused") << QStringList{"-from=2026-11-24T04:00:00+01:00", "-to=2026-11-24T04:00:00.500", "-to=today"} << "window=1795489200000,1795492800500";
+        QTest::newRow("[record] and [access] keys") << QStringList{"-cfg", "record.ini"} << "record=/srv/rec,1,3,2,1 dumps=5";
+        QTest::newRow("the command line before the keys") << QStringList{"-cfg", "record.ini", "-record=../rec", "-dump_quota_mb=7"} << "record=~/rec,1,3,2,1 dumps=7";
+        QTest::newRow("sizes, days and flags out of range refused") << QStringList{"-cfg", "refused.ini", "-dump_quota_mb=0", "-record="} << "record=,64,10240,7,0 dumps=1024";
         QTest::newRow("brokers") << QStringList{"-mqtt=b:1884", "-mqtt-sub=b/korbrdv/x/rdv"} << "mqtt=b:1884|b/korbrdv/x/rdv";
         QTest::newRow("-lt abc: errors only") << QStringList{"-lt", "abc"} << "lt=0?";
         QTest::newRow("-LT 3, -ld and -tc in any case") << QStringList{"-LT", "3", "-LD", "../journal", "-Tc", "cp1251"} << "lt=3 ld=~/journal tc=cp1251";

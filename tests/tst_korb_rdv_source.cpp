@@ -1,13 +1,13 @@
 // The road of the device's frames: the scanner fed through its write window,
 // and the UDP and TCP sources against a device on 127.0.0.1.
 #include "src/korb_env.h"
+#include "src/korb_rdv_disk_writer.h"
 #include "src/korb_rdv_tcp_cli.h"
 #include "src/korb_rdv_udp_cli.h"
 #include "src/korb_rdv_wsserver.h"
 #include "support/rdv_test_encoder.h"
 #include "support/ws_test_client.h"
 
-#include <QBuffer>
 #include <QRegularExpression>
 #include <QTcpServer>
 #include <QTcpSocket>
@@ -66,15 +66,18 @@ struct CountingSink : KorbRdvSink
 // The sources under test with their devices on loopback; `commands` drives both.
 struct Devices
 {
-    explicit Devices(int capacity = 1 << 20) : udp(new KorbRdvStreamerUdp(nullptr, &sink, &commands, 0, 0))
+    explicit Devices(int capacity = 1 << 20, qint64 dumpQuota = 1 << 30)
+        : udp(new KorbRdvStreamerUdp(nullptr, &sink, &commands, 0, 0)), writer(new KorbRdvDiskWriter(nullptr))
     {
         udp->setLocalAddress(QHostAddress::LocalHost);
         udp->setBufferCapacity(capacity);
+        udp->setDumpWriter(writer.data(), dumpQuota);
         QObject::connect(&server, &QTcpServer::newConnection,
                          [this] { peer = server.nextPendingConnection(); });
         server.listen(QHostAddress::LocalHost, 0);
         tcp.reset(new KorbRdvStreamerTcp(nullptr, &sink, &commands, "127.0.0.1", server.serverPort()));
         tcp->setBufferCapacity(capacity);
+        tcp->setDumpWriter(writer.data(), dumpQuota);
         up = udp->bind() && datagrams.bind(QHostAddress(QHostAddress::LocalHost), 0) &&
              tcp->connectToServer() && QTest::qWaitFor([this] { return !peer.isNull(); });
     }
@@ -98,6 +101,7 @@ struct Devices
     RecordingSink sink;
     WebSocketServer commands{nullptr}; // the sources' runCmd comes from here
     QScopedPointer<KorbRdvStreamerUdp> udp;
+    QScopedPointer<KorbRdvDiskWriter> writer; // reset: the dumps are written
     QUdpSocket datagrams;
     QTcpServer server;
     QPointer<QTcpSocket> peer;
@@ -182,10 +186,7 @@ private slots:
         QVERIFY(!scanner.resetBuffer(0));
         const QByteArray next = frame(single(300));
         QVERIFY(scanner.resetBuffer(size) && scanner.append(next.constData(), next.size()));
-        QBuffer dump;
-        QVERIFY(dump.open(QIODevice::WriteOnly));
-        scanner.writeBuf(&dump);
-        QCOMPARE(dump.data(), next);
+        QCOMPARE(scanner.bufDump(), next);
     }
 
     void udp_data()
@@ -254,7 +255,7 @@ private slots:
         QVERIFY(d.up);
         KorbRdvSource *source = udp ? static_cast<KorbRdvSource *>(d.udp.data()) : d.tcp.data();
         source->scanner().setNewFrameListener(
-            [&](const char *f) { taken << QByteArray(f, Rdv::frameLength(f)); });
+            [&](const char *f, bool) { taken << QByteArray(f, Rdv::frameLength(f)); });
         L frames = {frame(channel(2, 0))};
         for (int i = 1; i <= loud; ++i)
             frames << frame(channel(1, 60 * i, 3000));
@@ -329,16 +330,25 @@ private slots:
     void dumpsAndSilence_data()
     {
         QTest::addColumn<bool>("udp");
-        QTest::newRow("UDP, buf: the completed frames") << true;
-        QTest::newRow("TCP, csv: the oldest frame in the ring as absolute 16-bit values") << false;
+        QTest::addColumn<qint64>("quota");         // bytes, of all dump files together
+        QTest::addColumn<QString>("kept");         // serial numbers of the dumps that stay
+        const qint64 any = 1 << 30, dump = 2 * 64; // two completed frames of 2 samples
+        QTest::newRow("UDP, buf: the completed frames") << true << any << "0000 0001 0002 0003";
+        QTest::newRow("UDP, a quota of three dumps: the oldest goes") << true << 3 * dump << "0001 0002 0003";
+        QTest::newRow("TCP, csv: the oldest frame in the ring as absolute 16-bit values")
+            << false << any << "0000 0001 0002 0003";
+        QTest::newRow("TCP, a quota below any dump: none written") << false << qint64(20) << "";
     }
 
     void dumpsAndSilence()
     {
         QFETCH(bool, udp);
+        QFETCH(qint64, quota);
+        QFETCH(QString, kept);
         QDir dumps(KorbRdvSource::dumpDir());
         dumps.removeRecursively();
-        Devices d(udp ? 1 << 20 : 132); // the TCP buffer holds two frames with their gaps
+        QVERIFY(dumps.mkpath(".") && QFile(dumps.filePath("relay.pid")).open(QIODevice::WriteOnly));
+        Devices d(udp ? 1 << 20 : 132, quota); // the TCP buffer holds two frames with their gaps
         QVERIFY(d.up);
         KorbRdvSource *source = udp ? static_cast<KorbRdvSource *>(d.udp.data()) : d.tcp.data();
         emit d.commands.runCmd(QStringLiteral("buf")); // no buffer yet: ignored
@@ -348,21 +358,24 @@ private slots:
         emit d.commands.runCmd(QString(udp ? " buf " : "csv"));
         for (int i = 0; i < KorbRdvSource::DumpBurst; ++i)
             emit d.commands.runCmd(QStringLiteral("buf")); // the burst's last one is dropped
-        const QString name =
-            QStringLiteral("zz-uzk_%1_0000.%2").arg(BaseSec - 946684800).arg(udp ? "rdv" : "csv");
-        const QStringList files = dumps.entryList(QDir::Files);
-        QCOMPARE(files.size(), KorbRdvSource::DumpBurst);
-        QCOMPARE(files.first(), name);
-        QVERIFY(files.last().endsWith(
-            QStringLiteral("_%1.rdv").arg(KorbRdvSource::DumpBurst - 1, 4, 10, QLatin1Char('0'))));
-        QFile dump(dumps.filePath(name));
-        QVERIFY(dump.open(QIODevice::ReadOnly));
+        d.writer.reset();
+        QStringList serials;
+        for (const QString &name : dumps.entryList({"zz-*"}, QDir::Files, QDir::Name))
+            serials << name.section('_', 2).left(4);
+        QCOMPARE(serials.join(' '), kept);
+        QVERIFY(dumps.exists("relay.pid")); // no dump file: never removed
+        const QString first = serials.value(0);
+        const bool csvFirst = !udp && first == "0000";
+        QFile dump(dumps.filePath(
+            QStringLiteral("zz-uzk_%1_%2.%3").arg(BaseSec - 946684800).arg(first, csvFirst ? "csv" : "rdv")));
         QByteArray csv = "x;y\r\n", oldest = frame(channel(4, 100));
         for (int i = 0; i < 4; ++i)
             csv += QByteArray::number(i) + ';' +
                    QByteArray::number(qAbs(qFromLittleEndian<qint16>(oldest.constData() + 56 + 2 * i))) +
                    "\r\n";
-        QCOMPARE(dump.readAll(), udp ? frame(channel(4, 0)) + oldest : csv);
+        QVERIFY(first.isEmpty() || dump.open(QIODevice::ReadOnly));
+        if (udp || csvFirst)
+            QCOMPARE(dump.readAll(), udp ? frame(channel(4, 0)) + oldest : csv);
         // The silence ends the burst: the buffer goes, the file counter and the gate start afresh.
         QTRY_VERIFY_WITH_TIMEOUT(!source->scanner().hasBuffer(), 3000);
         QCOMPARE(source->fileCounter(), 0);

@@ -126,7 +126,7 @@ private slots:
     void playbackTimerFollowsClients()
     {
         Korb::sendIntervalMs = 40;
-        QVERIFY(!m_server->setFileNm(m_dir.path())); // a directory cannot be read as a file
+        QVERIFY(!m_server->setFileNm(m_dir.path())); // a folder without .rdv files has nothing to play
         QVERIFY(m_server->setFileNm(file(stream({single(0), single(52)}))) && !m_server->playbackActive());
         QSignalSpy connected(m_server.get(), &WebSocketServer::connected);
         WsTestClient *a = client(), *b = client();

@@ -42,7 +42,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         // data is there: the end of its header may not have been written yet,
         // and its block may then show bytes that never were the stream's.
         qint64 first = -1, firstFed = 0;
-        scanner.setNewFrameListener([&](const char *f) {
+        scanner.setNewFrameListener([&](const char *f, bool) {
             if (first < 0) {
                 first = (passes.isEmpty() ? 0 : passes.last()) + (f - base);
                 firstFed = fed;

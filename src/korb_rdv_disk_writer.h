@@ -1,0 +1,101 @@
+#pragma once
+
+#include "src/korb_disk.h"
+#include "src/korb_rdv_settings.h"
+
+#include <QByteArray>
+#include <QFile>
+#include <QMutex>
+#include <QObject>
+#include <QQueue>
+#include <QString>
+#include <QWaitCondition>
+
+#include <atomic>
+
+class QThread;
+
+// The relay's one thread for what it writes to disk, so that no write holds
+// the event loop that reads the device: the stream of a recording, appended
+// frame by frame through a bounded queue, and whole files (the dumps), each
+// handed over as one copy. The event loop only copies into the queue; the
+// thread writes, makes room under the files' bounds first, and tells a full
+// disk (ENOSPC, a short write) from a written file.
+class KorbRdvDiskWriter : public QObject
+{
+    Q_OBJECT
+    Q_DISABLE_COPY(KorbRdvDiskWriter)
+
+public:
+    // Stream bytes waiting for the disk: over half a second of the device's
+    // densest stream (52 MB/s). Beyond it append() refuses, so a slow disk
+    // costs frames of the recording, never the relay's memory.
+    static constexpr qint64 DefaultStreamQueueBytes = 32 * Korb::BytesPerMiB;
+    // Whole files waiting at once: two of the largest dumps (the 64 MiB
+    // buffer), one written while the next waits; more are refused rather
+    // than held in memory.
+    static constexpr qint64 MaxQueuedFileBytes = 2 * qint64(Korb::DefaultMaxFileSize);
+    // The stream reaches the kernel at least this often, so a relay killed
+    // outright loses no more of a recording than this.
+    static constexpr int FlushIntervalMs = 250;
+    // Stream bytes are gathered into blocks of this size, one write each.
+    static constexpr int BlockSize = 1024 * 1024;
+
+    explicit KorbRdvDiskWriter(QObject *parent, qint64 streamQueueBytes = DefaultStreamQueueBytes);
+    // Writes out everything queued, then ends the thread.
+    ~KorbRdvDiskWriter() override;
+
+    // From here on the stream goes to a new file at `path` (its folder made
+    // when missing), once the other files of `bound` are trimmed to it.
+    void startStream(const QString &path, const Korb::FileBound &bound);
+    // Appends to the stream; false, taking nothing, when the queue is full.
+    bool append(const char *data, int size);
+    // Trims the files of `bound`, the stream's own file aside.
+    void trim(const Korb::FileBound &bound);
+    // Writes `bytes` as the file `path` once the other files of `bound` are
+    // trimmed to leave room for it under maxBytes. A file that cannot be
+    // given room is not written, one a full disk cuts short is removed; each
+    // with a log line. False, taking nothing, when too many files wait.
+    bool writeFile(const QString &path, const QByteArray &bytes, const Korb::FileBound &bound);
+
+    // Stream bytes that reached the disk, and stream files started.
+    qint64 streamBytesWritten() const { return m_streamBytes; }
+    int streamFiles() const { return m_streamFiles; }
+
+signals:
+    // The stream's file could not be made or written (`reason`, such as a
+    // full disk); stream bytes are dropped until the next startStream().
+    // Emitted by the writer's thread.
+    void streamFailed(const QString &reason);
+
+private:
+    struct Job
+    {
+        enum Kind { Stream, Bytes, Trim, File } kind;
+        QString path;
+        QByteArray bytes;
+        Korb::FileBound bound;
+    };
+
+    void enqueue(Job job);
+    void run();
+    void execute(const Job &job);
+    void openStream(const Job &job);
+    void writeStream(const QByteArray &bytes);
+    void failStream(const QString &reason);
+    void writeWholeFile(const Job &job);
+
+    const qint64 m_streamQueueBytes;
+    QThread *m_thread = nullptr;
+    // Shared with the thread, under m_mutex.
+    QMutex m_mutex;
+    QWaitCondition m_wake;
+    QQueue<Job> m_jobs;
+    qint64 m_queuedStream = 0;
+    qint64 m_queuedFiles = 0;
+    bool m_stopping = false;
+    // The thread's own.
+    QFile m_stream;
+    std::atomic<qint64> m_streamBytes{0};
+    std::atomic<int> m_streamFiles{0};
+};

@@ -2,9 +2,12 @@
 
 #include "logger/korb_log.h"
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QFileInfo>
 #include <QThread>
+
+#include <fcntl.h>
 
 KorbRdvDiskWriter::KorbRdvDiskWriter(QObject *parent, qint64 streamQueueBytes)
     : QObject(parent), m_streamQueueBytes(streamQueueBytes)
@@ -12,7 +15,9 @@ KorbRdvDiskWriter::KorbRdvDiskWriter(QObject *parent, qint64 streamQueueBytes)
     setObjectName(QStringLiteral("disk_writer"));
     m_thread = QThread::create([this] { run(); });
     m_thread->setObjectName(QStringLiteral("disk_writer"));
-    m_thread->start();
+    // Only time the event loop leaves over: where the relay shares a core
+    // with its writer, the device's sockets are read first (SCHED_IDLE).
+    m_thread->start(QThread::IdlePriority);
 }
 
 KorbRdvDiskWriter::~KorbRdvDiskWriter()
@@ -24,6 +29,10 @@ KorbRdvDiskWriter::~KorbRdvDiskWriter()
     }
     m_thread->wait();
     delete m_thread;
+    // Files the thread prepared wait here for their bytes: taken now, and
+    // written by this thread, the last of the queue.
+    QCoreApplication::sendPostedEvents(this, QEvent::MetaCall);
+    run();
 }
 
 void KorbRdvDiskWriter::enqueue(Job job)
@@ -35,12 +44,12 @@ void KorbRdvDiskWriter::enqueue(Job job)
 
 void KorbRdvDiskWriter::startStream(const QString &path, const Korb::FileBound &bound)
 {
-    enqueue({Job::Stream, path, QByteArray(), bound});
+    enqueue({Job::Stream, path, QByteArray(), bound, 0, nullptr, nullptr});
 }
 
 void KorbRdvDiskWriter::trim(const Korb::FileBound &bound)
 {
-    enqueue({Job::Trim, QString(), QByteArray(), bound});
+    enqueue({Job::Trim, QString(), QByteArray(), bound, 0, nullptr, nullptr});
 }
 
 bool KorbRdvDiskWriter::append(const char *data, int size)
@@ -55,22 +64,77 @@ bool KorbRdvDiskWriter::append(const char *data, int size)
         // A full block is worth a write at once; the rest waits for the flush.
         if (!m_jobs.isEmpty() && m_jobs.last().kind == Job::Bytes)
             m_wake.wakeOne();
-        m_jobs.enqueue({Job::Bytes, QString(), QByteArray(), Korb::FileBound()});
-        m_jobs.last().bytes.reserve(qMax(BlockSize, size));
+        m_jobs.enqueue({Job::Bytes, QString(), takeBlock(size), Korb::FileBound(), 0, nullptr, nullptr});
     }
     m_jobs.last().bytes.append(data, size);
     return true;
 }
 
-bool KorbRdvDiskWriter::writeFile(const QString &path, const QByteArray &bytes, const Korb::FileBound &bound)
+QByteArray KorbRdvDiskWriter::takeBlock(int size)
+{
+    if (size <= BlockSize && !m_spareBlocks.isEmpty())
+        return m_spareBlocks.takeLast();
+    QByteArray block; // faulted in by the appends: only while none is ready
+    block.reserve(qMax(BlockSize, size));
+    return block;
+}
+
+void KorbRdvDiskWriter::keepBlock(QByteArray block)
+{
+    block.resize(0); // keeps its memory: the capacity was reserved
+    QMutexLocker lock(&m_mutex);
+    if (block.capacity() == BlockSize && qint64(m_spareBlocks.size()) * BlockSize < m_streamQueueBytes)
+        m_spareBlocks.append(std::move(block));
+}
+
+void KorbRdvDiskWriter::readyBlocks()
+{
+    int missing = 0;
+    {
+        QMutexLocker lock(&m_mutex);
+        missing = ReadyBlocks - m_spareBlocks.size();
+    }
+    for (; missing > 0; --missing) {
+        QByteArray block(BlockSize, '\0'); // every page touched here
+        block.reserve(BlockSize);
+        keepBlock(std::move(block));
+    }
+}
+
+bool KorbRdvDiskWriter::writeFile(const QString &path, int size, const Korb::FileBound &bound,
+                                  QObject *context, Fill fill)
 {
     QMutexLocker lock(&m_mutex);
-    if (m_queuedFiles + bytes.size() > MaxQueuedFileBytes)
+    if (m_queuedFiles + size > MaxQueuedFileBytes)
         return false;
-    m_queuedFiles += bytes.size();
-    m_jobs.enqueue({Job::File, path, bytes, bound});
+    m_queuedFiles += size; // until written, or dropped unfilled
+    m_jobs.enqueue({Job::Prepare, path, QByteArray(), bound, size, context, std::move(fill)});
     m_wake.wakeOne();
     return true;
+}
+
+void KorbRdvDiskWriter::prepareFile(Job job)
+{
+    job.bytes = QByteArray(job.size, '\0'); // every page touched here
+    QMetaObject::invokeMethod(
+        this, [this, job = std::move(job)]() mutable { fillFile(std::move(job)); }, Qt::QueuedConnection);
+}
+
+void KorbRdvDiskWriter::fillFile(Job job)
+{
+    const int reserved = job.size;
+    if (job.context)
+        job.fill(job.bytes);
+    QMutexLocker lock(&m_mutex);
+    if (!job.context) {
+        m_queuedFiles -= reserved;
+        return;
+    }
+    m_queuedFiles += job.bytes.size() - reserved;
+    job.kind = Job::File;
+    job.fill = nullptr;
+    m_jobs.enqueue(std::move(job));
+    m_wake.wakeOne();
 }
 
 void KorbRdvDiskWriter::run()
@@ -91,7 +155,10 @@ void KorbRdvDiskWriter::run()
         while (!jobs.isEmpty()) {
             Job job = jobs.dequeue();
             execute(job);
-            (job.kind == Job::File ? files : stream) += job.bytes.size(); // none in the others
+            // A file being prepared holds no bytes yet: counted when written.
+            (job.kind == Job::File ? files : stream) += job.bytes.size();
+            if (job.kind == Job::Bytes)
+                keepBlock(std::move(job.bytes));
         }
         QMutexLocker lock(&m_mutex);
         m_queuedStream -= stream;
@@ -100,7 +167,7 @@ void KorbRdvDiskWriter::run()
     m_stream.close();
 }
 
-void KorbRdvDiskWriter::execute(const Job &job)
+void KorbRdvDiskWriter::execute(Job &job)
 {
     switch (job.kind) {
     case Job::Stream:
@@ -111,6 +178,9 @@ void KorbRdvDiskWriter::execute(const Job &job)
         break;
     case Job::Trim:
         Korb::trimOldest(job.bound, m_stream.fileName());
+        break;
+    case Job::Prepare:
+        prepareFile(std::move(job));
         break;
     case Job::File:
         writeWholeFile(job);
@@ -124,11 +194,13 @@ void KorbRdvDiskWriter::openStream(const Job &job)
     Korb::trimOldest(job.bound, job.path);
     QDir().mkpath(QFileInfo(job.path).absolutePath());
     m_stream.setFileName(job.path);
+    m_pushedTo = m_waitFrom = 0;
     if (!m_stream.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Unbuffered)) {
         failStream(m_stream.errorString());
         return;
     }
     ++m_streamFiles;
+    readyBlocks();
     KLOG(this, 2, tr("запись в файл %1").arg(job.path));
 }
 
@@ -139,12 +211,29 @@ void KorbRdvDiskWriter::writeStream(const QByteArray &bytes)
     const qint64 before = m_stream.pos();
     if (Korb::writeFully(m_stream, bytes.constData(), bytes.size())) {
         m_streamBytes += bytes.size();
+        pushOut();
         return;
     }
     const QString reason = m_stream.errorString();
     // What reached the disk before ends on a whole frame: the file stays playable.
     m_stream.resize(before);
     failStream(reason);
+}
+
+void KorbRdvDiskWriter::pushOut()
+{
+    const qint64 end = m_stream.pos();
+    if (end - m_pushedTo < PushOutBytes)
+        return;
+    const int fd = m_stream.handle();
+    ::sync_file_range(fd, m_pushedTo, end - m_pushedTo, SYNC_FILE_RANGE_WRITE);
+    if (m_waitFrom < m_pushedTo) {
+        ::sync_file_range(fd, m_waitFrom, m_pushedTo - m_waitFrom,
+                          SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER);
+        ::posix_fadvise(fd, m_waitFrom, m_pushedTo - m_waitFrom, POSIX_FADV_DONTNEED);
+    }
+    m_waitFrom = m_pushedTo;
+    m_pushedTo = end;
 }
 
 void KorbRdvDiskWriter::failStream(const QString &reason)

@@ -7,20 +7,25 @@
 #include <QFile>
 #include <QMutex>
 #include <QObject>
+#include <QPointer>
 #include <QQueue>
 #include <QString>
+#include <QVector>
 #include <QWaitCondition>
 
 #include <atomic>
+#include <functional>
 
 class QThread;
 
 // The relay's one thread for what it writes to disk, so that no write holds
 // the event loop that reads the device: the stream of a recording, appended
 // frame by frame through a bounded queue, and whole files (the dumps), each
-// handed over as one copy. The event loop only copies into the queue; the
-// thread writes, makes room under the files' bounds first, and tells a full
-// disk (ENOSPC, a short write) from a written file.
+// taken as one copy. The event loop only copies, and only into memory this
+// thread has made ready (a page faulted in costs microseconds; 64 MiB of
+// them stall the loop for longer than the sockets can hold the device's
+// data); the thread writes, makes room under the files' bounds first, and
+// tells a full disk (ENOSPC, a short write) from a written file.
 class KorbRdvDiskWriter : public QObject
 {
     Q_OBJECT
@@ -38,11 +43,25 @@ public:
     // The stream reaches the kernel at least this often, so a relay killed
     // outright loses no more of a recording than this.
     static constexpr int FlushIntervalMs = 250;
+    // A stream at the device's rate would fill the page cache with dirty
+    // pages that the kernel's flusher writes out later at its own priority,
+    // beside the event loop. This thread starts the write-back of every
+    // PushOutBytes itself and waits for the piece before, so the disk sets
+    // the pace here, at idle priority, and written pages leave the cache.
+    static constexpr qint64 PushOutBytes = 8 * Korb::BytesPerMiB;
     // Stream bytes are gathered into blocks of this size, one write each.
     static constexpr int BlockSize = 1024 * 1024;
+    // Blocks faulted in ahead when a stream starts. Written blocks are kept
+    // for the next appends, as many as the queue can hold: a stream that
+    // runs at its bound never faults pages in on the event loop.
+    static constexpr int ReadyBlocks = 4;
+
+    // Puts a file's bytes into `bytes`, which holds at least the size asked
+    // for; resizing it is allowed.
+    using Fill = std::function<void(QByteArray &bytes)>;
 
     explicit KorbRdvDiskWriter(QObject *parent, qint64 streamQueueBytes = DefaultStreamQueueBytes);
-    // Writes out everything queued, then ends the thread.
+    // Writes out everything queued (files being prepared too), then ends the thread.
     ~KorbRdvDiskWriter() override;
 
     // From here on the stream goes to a new file at `path` (its folder made
@@ -52,11 +71,13 @@ public:
     bool append(const char *data, int size);
     // Trims the files of `bound`, the stream's own file aside.
     void trim(const Korb::FileBound &bound);
-    // Writes `bytes` as the file `path` once the other files of `bound` are
-    // trimmed to leave room for it under maxBytes. A file that cannot be
+    // Writes the file `path` once the other files of `bound` are trimmed to
+    // leave room for it under maxBytes. Its bytes are taken by `fill`, later,
+    // in the thread of `context` (not at all once context is gone), into
+    // memory of about `size` bytes made ready here. A file that cannot be
     // given room is not written, one a full disk cuts short is removed; each
     // with a log line. False, taking nothing, when too many files wait.
-    bool writeFile(const QString &path, const QByteArray &bytes, const Korb::FileBound &bound);
+    bool writeFile(const QString &path, int size, const Korb::FileBound &bound, QObject *context, Fill fill);
 
     // Stream bytes that reached the disk, and stream files started.
     qint64 streamBytesWritten() const { return m_streamBytes; }
@@ -71,18 +92,28 @@ signals:
 private:
     struct Job
     {
-        enum Kind { Stream, Bytes, Trim, File } kind;
+        enum Kind { Stream, Bytes, Trim, Prepare, File } kind;
         QString path;
         QByteArray bytes;
         Korb::FileBound bound;
+        // Of a file being prepared: its size and who fills it.
+        int size = 0;
+        QPointer<QObject> context = nullptr;
+        Fill fill = nullptr;
     };
 
     void enqueue(Job job);
+    QByteArray takeBlock(int size);
+    void keepBlock(QByteArray block);
+    void readyBlocks();
     void run();
-    void execute(const Job &job);
+    void execute(Job &job);
     void openStream(const Job &job);
     void writeStream(const QByteArray &bytes);
+    void pushOut();
     void failStream(const QString &reason);
+    void prepareFile(Job job);
+    void fillFile(Job job);
     void writeWholeFile(const Job &job);
 
     const qint64 m_streamQueueBytes;
@@ -94,8 +125,11 @@ private:
     qint64 m_queuedStream = 0;
     qint64 m_queuedFiles = 0;
     bool m_stopping = false;
+    QVector<QByteArray> m_spareBlocks; // faulted in, empty, capacity kept
     // The thread's own.
     QFile m_stream;
+    qint64 m_pushedTo = 0; // stream bytes whose write-back was started
+    qint64 m_waitFrom = 0; // and the first of them not yet waited for
     std::atomic<qint64> m_streamBytes{0};
     std::atomic<int> m_streamFiles{0};
 };

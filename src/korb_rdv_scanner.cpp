@@ -327,19 +327,20 @@ const char *KorbRdvScanner::append(const char *data, int len)
     return at;
 }
 
-QByteArray KorbRdvScanner::bufDump() const
+void KorbRdvScanner::bufDump(QByteArray &out) const
 {
     const char *const buf = m_charBuff.get();
-    if (!buf)
-        return QByteArray();
+    if (!buf) {
+        out.clear();
+        return;
+    }
     // The oldest data lies behind the fill end; it starts at the first whole
     // frame there, so the file begins on a frame boundary.
     const int start = findHeader(buf, m_fillEnd, m_charBuffSize - 1, m_search);
     const int older = start >= 0 ? m_charBuffSize - start : 0;
-    QByteArray out(older + m_fillEnd, Qt::Uninitialized);
+    out.resize(older + m_fillEnd);
     std::memcpy(out.data(), buf + qMax(start, 0), size_t(older));
     std::memcpy(out.data() + older, buf, size_t(m_fillEnd));
-    return out;
 }
 
 QByteArray KorbRdvScanner::csvDump() const

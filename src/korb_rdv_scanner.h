@@ -117,8 +117,9 @@ public:
 
     // What the dumps write, as one copy each. The whole buffer in ring order:
     // from the first valid header after the fill end to the buffer's end,
-    // then from the start to the fill end.
-    QByteArray bufDump() const;
+    // then from the start to the fill end; into `out`, whose memory is used
+    // when it holds charBuffSize() bytes.
+    void bufDump(QByteArray &out) const;
     // "x;y" then one "%1;%2" line per value of the oldest frame still in the
     // ring (the one at the fill end, or at 0 when a frame would not fit
     // there); only the title when no valid header stands there.

@@ -80,7 +80,12 @@ void KorbRdvSource::runCmd(const QString &cmd)
     const QString name = makeDumpFileName(buf ? QString() : QStringLiteral("csv"));
     const Korb::FileBound dumps{dumpDir(), QRegularExpression(QLatin1Char('^') + QLatin1String(DumpPrefix)),
                                 m_dumpQuota};
-    if (!m_dumpWriter || !m_dumpWriter->writeFile(name, buf ? m_scan.bufDump() : m_scan.csvDump(), dumps)) {
+    // Taken when the writer has the memory ready, a moment after the command.
+    KorbRdvDiskWriter::Fill fill = [this](QByteArray &bytes) { m_scan.bufDump(bytes); };
+    if (!buf)
+        fill = [this](QByteArray &bytes) { bytes = m_scan.csvDump(); };
+    const int size = buf ? m_scan.charBuffSize() : 0;
+    if (!m_dumpWriter || !m_dumpWriter->writeFile(name, size, dumps, this, std::move(fill))) {
         KLOGF(this, 1, tr("дамп \"%1\" не записан: запись на диск занята").arg(c));
         return;
     }

@@ -24,9 +24,9 @@ public:
     // Kernel receive buffer asked for on the device's sockets: a burst of
     // full-size frames must fit while the event loop is busy elsewhere.
     static constexpr int SocketReceiveBufferSize = 8 * 1024 * 1024;
-    // A dump copies up to the whole 64 MiB buffer in the event loop (the
-    // disk writer's thread writes it): a few back to back (a csv beside a
-    // buf) are served, but no more than DumpBurst per DumpWindowMs and
+    // A dump copies up to the whole 64 MiB buffer in the event loop (into
+    // memory the disk writer's thread made ready, and writes): a few back to
+    // back (a csv beside a buf) are served, but no more than DumpBurst per DumpWindowMs and
     // source, so that a client repeating the command cannot hold the relay
     // at the rate it types.
     static constexpr int DumpBurst = 4;

@@ -17,6 +17,9 @@ struct SvcRun
 SvcRun svcRun(const QString &program, const QStringList &arguments,
               const QProcessEnvironment &environment = QProcessEnvironment::systemEnvironment(),
               int timeoutMs = 30000);
+// The arguments of unshare that run `program` in a private mount namespace
+// once the shell lines `script` have set up its mounts.
+QStringList privateMounts(const QString &script, const QString &program, const QStringList &arguments);
 
 // Runs programs in a private mount namespace over files of this sandbox:
 // /etc is an overlay writing to "upper", /usr/lib/systemd/system is "unit",

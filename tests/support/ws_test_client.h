@@ -31,6 +31,8 @@ WsTestClient *connectClient(WebSocketServer &server, QObject *parent, const QStr
 QString freePort(bool udp = false);
 // `bytes` and nothing else in the file at `path`.
 bool writeFile(const QString &path, const QByteArray &bytes);
+// The bytes of the file at `path`; empty when it cannot be read.
+QByteArray readFile(const QString &path);
 
 // Connects to 127.0.0.1:port and completes the handshake by hand.
 bool rawHandshake(QTcpSocket &socket, quint16 port);

@@ -8,7 +8,6 @@
 #include "support/rdv_test_encoder.h"
 #include "support/ws_test_client.h"
 
-#include <QRegularExpression>
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QUdpSocket>
@@ -43,25 +42,6 @@ L run(quint32 seq, qint8 group, std::initializer_list<int> times)
         out << dg(seq++, channel(group, ms));
     return out;
 }
-
-// Hands on to a real server, and counts the maps and those that came while a
-// pass of the broadcast was still under way.
-struct CountingSink : KorbRdvSink
-{
-    explicit CountingSink(WebSocketServer &s) : server(s) {}
-    int clientCount() const override { return server.clientCount(); }
-    void sendRdv(const RdvFrame *frame) override { server.sendRdv(frame); }
-    void sendPacket(const QByteArray &packet) override { server.sendPacket(packet); }
-    void sendRdv(const RdvChannelMap &channels) override
-    {
-        ++maps;
-        duringPass += server.broadcastInProgress();
-        server.sendRdv(channels);
-    }
-    WebSocketServer &server;
-    int maps = 0;
-    int duringPass = 0;
-};
 
 // The sources under test with their devices on loopback; `commands` drives both.
 struct Devices
@@ -156,37 +136,6 @@ private slots:
             QVERIFY(feed(scanner, chunks));
             QCOMPARE(sink.text(), handoffs);
         }
-    }
-
-    // A buffer released at a silence comes back as a fresh one: nothing of the
-    // last burst is found in it, whether it was kept for reuse or not.
-    void bufferAfterSilence_data()
-    {
-        QTest::addColumn<int>("size");      // asked for after the release
-        QTest::addColumn<bool>("appended"); // the last burst's frames, or a stream through the window
-        QTest::newRow("the same size, a stream written before") << 4096 << false;
-        QTest::newRow("the same size, frames appended before") << 4096 << true;
-        QTest::newRow("the largest size") << KorbRdvScanner::MaxBufferSize << false;
-    }
-
-    void bufferAfterSilence()
-    {
-        QFETCH(int, size);
-        QFETCH(bool, appended);
-        RecordingSink sink;
-        KorbRdvScanner scanner(&sink);
-        const QList<FrameSpec> last = {single(0), single(100), single(200)};
-        if (appended) {
-            QVERIFY(scanner.resetBuffer(4096));
-            for (const FrameSpec &s : last)
-                QVERIFY(scanner.append(frame(s).constData(), frame(s).size()));
-        } else {
-            QVERIFY(feed(scanner, {stream(last)}));
-        }
-        QVERIFY(!scanner.resetBuffer(0));
-        const QByteArray next = frame(single(300));
-        QVERIFY(scanner.resetBuffer(size) && scanner.append(next.constData(), next.size()));
-        QCOMPARE(scanner.bufDump(), next);
     }
 
     void udp_data()
@@ -284,30 +233,6 @@ private slots:
                          QStringLiteral("packet %1: %2").arg(i).arg(describePacket(d.sink.packets[i - 1]))));
     }
 
-    // Both ports queued full: they are read in turns, so neither port's frames
-    // run ahead of the other's by more than a turn's share.
-    void portsTakeTurns()
-    {
-        Devices d;
-        QVERIFY(d.up);
-        const int n = 4 * KorbRdvStreamerUdp::DatagramsPerTurn;
-        for (int i = 0; i < n; ++i)
-            for (quint16 port : {d.udp->port1(), d.udp->port2()})
-                d.datagrams.writeDatagram(dg(quint32(i + 1), channel(1, 100 * i)), QHostAddress::LocalHost,
-                                          port);
-        QTRY_VERIFY(d.udp->lastSequence(0) == quint32(n) && d.udp->lastSequence(1) == quint32(n));
-        const QRegularExpression both(QStringLiteral("^m1@(\\d+),9@(\\d+)$"));
-        int seen = 0;
-        for (const QString &map : qAsConst(d.sink.seen)) {
-            const QRegularExpressionMatch m = both.match(map);
-            if (m.hasMatch() && ++seen)
-                QVERIFY2(qAbs(m.captured(1).toInt() - m.captured(2).toInt()) <=
-                             100 * KorbRdvStreamerUdp::DatagramsPerTurn,
-                         qPrintable(map));
-        }
-        QVERIFY(seen > n);
-    }
-
     void tcpWaitsForAFrameWorthAndReconnects()
     {
         Devices d;
@@ -366,16 +291,15 @@ private slots:
         QVERIFY(dumps.exists("relay.pid")); // no dump file: never removed
         const QString first = serials.value(0);
         const bool csvFirst = !udp && first == "0000";
-        QFile dump(dumps.filePath(
+        const QByteArray dump = readFile(dumps.filePath(
             QStringLiteral("zz-uzk_%1_%2.%3").arg(BaseSec - 946684800).arg(first, csvFirst ? "csv" : "rdv")));
         QByteArray csv = "x;y\r\n", oldest = frame(channel(4, 100));
         for (int i = 0; i < 4; ++i)
             csv += QByteArray::number(i) + ';' +
                    QByteArray::number(qAbs(qFromLittleEndian<qint16>(oldest.constData() + 56 + 2 * i))) +
                    "\r\n";
-        QVERIFY(first.isEmpty() || dump.open(QIODevice::ReadOnly));
         if (udp || csvFirst)
-            QCOMPARE(dump.readAll(), udp ? frame(channel(4, 0)) + oldest : csv);
+            QCOMPARE(dump, udp ? frame(channel(4, 0)) + oldest : csv);
         // The silence ends the burst: the buffer goes, the file counter and the gate start afresh.
         QTRY_VERIFY_WITH_TIMEOUT(!source->scanner().hasBuffer(), 3000);
         QCOMPARE(source->fileCounter(), 0);
@@ -420,43 +344,6 @@ private slots:
         for (int i : packets)
             expected << channelPacket({frame(channel(1, 100 * i))});
         QTRY_COMPARE(client->binaries, expected);
-    }
-
-    // A broadcast of large maps to many clients goes on in slices while datagrams
-    // keep coming: datagrams are read between slices, none is lost, and every
-    // client ends with the newest map.
-    void datagramsTakenDuringBroadcast()
-    {
-        WebSocketServer server(nullptr, 0);
-        QVERIFY(server.listen(QHostAddress::LocalHost));
-        QObject owner;
-        QList<WsTestClient *> clients;
-        for (int i = 0; i < 32; ++i)
-            QVERIFY((clients << connectClient(server, &owner)).last());
-        CountingSink sink(server);
-        KorbRdvStreamerUdp udp(nullptr, &sink, &server, 0, 0);
-        udp.setLocalAddress(QHostAddress::LocalHost);
-        QUdpSocket device;
-        QVERIFY(udp.bind() && device.bind(QHostAddress(QHostAddress::LocalHost), 0));
-        // Full-size frames of 4 groups, 100 ms apart: each completes when the next opens.
-        QVector<QByteArray> latest(4);
-        for (int i = 0; i < 40; ++i) {
-            const QByteArray f = frame(channel(qint8(i % 4), 100 * i, 13000));
-            device.writeDatagram(datagram(quint32(i + 1), f), QHostAddress::LocalHost, udp.port1());
-            if (i < 39)
-                latest[i % 4] = f;
-        }
-        const auto keepLast = [&] {
-            for (WsTestClient *c : clients)
-                c->binaries.erase(c->binaries.begin(), c->binaries.end() - qMin(1, c->binaries.size()));
-            return true;
-        };
-        QTRY_VERIFY_WITH_TIMEOUT(keepLast() && udp.lastSequence(0) == 40, 10000);
-        QCOMPARE(sink.maps, 38); // frames 1 to 38: the first only starts the clock, the last is still open
-        QVERIFY(sink.duringPass > 0);
-        for (WsTestClient *c : clients)
-            QTRY_VERIFY_WITH_TIMEOUT(
-                keepLast() && c->binaries == QByteArrayList{channelPacket(latest.toList())}, 10000);
     }
 
 private:

@@ -36,10 +36,8 @@ L recordings(const QString &dir, const QString &instance)
 {
     L out;
     const QDir d(dir);
-    for (const QString &name : d.entryList({instance + "_*.rdv"}, QDir::Files, QDir::Name)) {
-        QFile f(d.filePath(name));
-        out << (f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray());
-    }
+    for (const QString &name : d.entryList({instance + "_*.rdv"}, QDir::Files, QDir::Name))
+        out << readFile(d.filePath(name));
     return out;
 }
 
@@ -76,12 +74,12 @@ private slots:
         QTest::addColumn<QList<int>>("recorded"); // of 12 frames 30 ms apart, sent one at a time
         // UDP: a frame completes when the next one opens at its port, so the last two stay open.
         // The rate gate of 50 ms passes every second frame after the first.
-        QTest::newRow("UDP, the second port's groups 8 higher")
-            << true << false << QList<int>{0, 1, 2, 3, 4, 5, 6, 7, 8, 9};
-        QTest::newRow("TCP, each frame once though scanned twice")
-            << false << false << QList<int>{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11};
+        // clang-format off
+        QTest::newRow("UDP, the second port's groups 8 higher") << true << false << QList<int>{0, 1, 2, 3, 4, 5, 6, 7, 8, 9};
+        QTest::newRow("TCP, each frame once though scanned twice") << false << false << QList<int>{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11};
         QTest::newRow("UDP gated, no client") << true << true << QList<int>{2, 4, 6, 8};
         QTest::newRow("TCP gated, no client") << false << true << QList<int>{2, 4, 6, 8, 10};
+        // clang-format on
     }
 
     void recordsTheDevicesFrames()

@@ -19,8 +19,7 @@ using RdvTest::freePort;
 namespace {
 QString logText(const QString &dir)
 {
-    QFile file(QDir(dir).entryInfoList({"*.txt"}).value(0).filePath());
-    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+    return QString::fromUtf8(RdvTest::readFile(QDir(dir).entryInfoList({"*.txt"}).value(0).filePath()));
 }
 
 // A relay with a UDP device on two free ports, its log in `logs`.
@@ -28,18 +27,9 @@ struct UdpRelay
 {
     UdpRelay(const QString &logs, const QStringList &options)
     {
-        arguments = QStringList{"-e",
-                                "-n",
-                                "udp" + port,
-                                "-p",
-                                port,
-                                "-ld",
-                                logs,
-                                "-nofile",
-                                "-addr=127.0.0.1:1",
-                                "-udp1=" + udp1,
-                                "-udp2=" + udp2} +
-                    options;
+        arguments =
+            QStringList{"-e", "-n", "udp" + port, "-p", port, "-ld", logs, "-nofile", "-addr=127.0.0.1:1"}
+            << "-udp1=" + udp1 << "-udp2=" + udp2 << options;
         QObject::connect(&client, &QWebSocket::binaryMessageReceived,
                          [this](const QByteArray &packet) { packets << packet; });
     }
@@ -151,12 +141,11 @@ private slots:
     {
         QTest::addColumn<QString>("folder"); // on the tiny file system
         QTest::addColumn<QString>("line");   // once, in the log or, for the log's folder, on the console
-        QTest::newRow("recording") << "rec"
-                                   << "остановлена";
-        QTest::newRow("a buf: dump") << "tmp"
-                                     << "не записан";
-        QTest::newRow("the log") << "logs"
-                                 << "ошибка записи в файл";
+        // clang-format off
+        QTest::newRow("recording") << "rec" << "остановлена";
+        QTest::newRow("a buf: dump") << "tmp" << "не записан";
+        QTest::newRow("the log") << "logs" << "ошибка записи в файл";
+        // clang-format on
     }
 
     void fullDiskCostsNoPacket()
@@ -206,9 +195,7 @@ private slots:
         QTemporaryDir dir;
         const QString rec = dir.filePath("rec");
         const auto recorded = [&rec] {
-            const QFileInfoList files = QDir(rec).entryInfoList({"*.rdv"}, QDir::Files);
-            QFile f(files.value(0).filePath());
-            return !files.isEmpty() && f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+            return RdvTest::readFile(QDir(rec).entryInfoList({"*.rdv"}, QDir::Files).value(0).filePath());
         };
         UdpRelay relay(dir.path(), {"-record=" + rec});
         relay.process.start(KORB_STREAMER_BIN, relay.arguments);

@@ -81,15 +81,11 @@ struct PacketSink : KorbRdvSink
     }
 };
 
-// A frame of the input that a block may show: its bytes and where the input
-// had it, in the target's own count. Only so many of its bytes are the
-// input's when a packet is made (`known` of Origins::explain): a frame is
-// accepted before its tail has arrived, and the relay may show other bytes
-// beyond.
+// A frame of the input that a block may show: its bytes, as far as the input
+// had them when a packet was made.
 struct Origin
 {
     QByteArray bytes;
-    qint64 at = 0;
     QByteArray head; // the fixed part of its block, made when first needed
 };
 
@@ -97,18 +93,18 @@ struct Origin
 class Origins
 {
 public:
-    int add(const QByteArray &frame, qint64 at)
+    int add(const QByteArray &frame)
     {
         m_byKey.insert(key(quint8(frame[4]), quint8(frame[16]), Rdv::sampleCount(frame.constData())),
                        m_all.size());
-        m_all.append({frame, at, QByteArray()});
+        m_all.append({frame, QByteArray()});
         return m_all.size() - 1;
     }
     Origin &operator[](int i) { return m_all[i]; }
 
     // Whether the block is the one built from a frame of the input: its fixed
-    // part whole, its samples as far as `known(origin)` bytes of the frame go.
-    bool explain(const QByteArray &packet, const RdvBlock &b, const std::function<int(const Origin &)> &known)
+    // part whole, its samples as far as the input had the frame's bytes.
+    bool explain(const QByteArray &packet, const RdvBlock &b)
     {
         using F = Rdv::Field;
         const bool channel = !b.single();
@@ -121,11 +117,11 @@ public:
         const quint32 k = key(quint8(qint8(b[F::FrameType])), flags, quint16(b.sampleCount()));
         for (auto it = m_byKey.constFind(k); it != m_byKey.cend() && it.key() == k; ++it) {
             Origin &o = m_all[it.value()];
-            if (known(o) < Rdv::HeaderSize)
-                continue; // not yet come, or cut off before its header ended
+            if (o.bytes.size() < Rdv::HeaderSize)
+                continue; // cut off before its header ended
             if (o.head.isEmpty())
                 o.head = blockHead(o.bytes.constData(), channel);
-            const int same = qBound(0, qMin(known(o), o.bytes.size()) - Rdv::HeaderSize, samples);
+            const int same = qBound(0, o.bytes.size() - Rdv::HeaderSize, samples);
             if (samples == b.sampleCount() * b.layout->sampleSize &&
                 o.head == QByteArray::fromRawData(block, fixed) &&
                 std::memcmp(block + fixed, o.bytes.constData() + Rdv::HeaderSize, size_t(same)) == 0)
@@ -161,27 +157,14 @@ private:
 };
 
 // Whether the channel blocks' groups rise strictly, as the map's keys do, so
-// that a block cannot show another group's frame. With `minusOne` one block
-// may stand for key -1 (a kind-1 frame filed there beside a kind-2 frame),
-// whatever its group, between the groups below -1 and those from 0 on.
-inline bool groupsInOrder(const QVector<RdvBlock> &blocks, bool minusOne)
+// that a block cannot show another group's frame.
+inline bool groupsInOrder(const QVector<RdvBlock> &blocks)
 {
-    const auto group = [&blocks](int i) { return int(blocks[i][Rdv::Field::Group]); };
-    const auto rising = [&](int from, int floor) {
-        for (int i = from, last = floor - 1; i < blocks.size(); last = group(i++)) {
-            if (group(i) <= last)
-                return false;
-        }
-        return true;
-    };
-    if (blocks.isEmpty() || blocks[0].single())
-        return true;
-    if (!minusOne)
-        return rising(0, -128);
-    int i = 0;
-    for (int last = -129; i < blocks.size() && group(i) < -1 && group(i) > last; ++i)
-        last = group(i);
-    return rising(i, -1) || rising(i + 1, 0);
+    for (int i = 1; i < blocks.size(); ++i) {
+        if (blocks[i][Rdv::Field::Group] <= blocks[i - 1][Rdv::Field::Group])
+            return false;
+    }
+    return true;
 }
 
 } // namespace Fuzz

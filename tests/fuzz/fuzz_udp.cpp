@@ -1,9 +1,8 @@
-// The UDP receive path, datagram by datagram for either port; one may ask for
-// its header to be made right and to be sent again, so that the fuzzer
-// reaches the reassembly and fills the receive area. Every block of every
-// packet must be the block of a frame the datagrams carried (the second
-// port's groups 8 higher), as far as its bytes had come when the next frame of
-// its port opened, and the blocks' groups must rise as the map's keys do.
+// The UDP receive path, datagram by datagram for either port; one may ask for its header to be made right and
+// to be sent again, so that the fuzzer reaches the reassembly and fills the receive area. Every block of
+// every packet must be the block of a frame the datagrams carried (the second port's groups 8 higher), as far
+// as its bytes had come when the next frame of its port opened, and the blocks' groups must rise as the map's
+// keys do.
 #include "fuzz_support.h"
 
 #include "src/korb_rdv_synth.h"
@@ -33,8 +32,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     int assembling[2] = {-1, -1}; // the origin each port's datagrams add to
     sink.check = [&](const QByteArray &packet, const QVector<RdvBlock> &blocks) {
         for (const RdvBlock &b : blocks)
-            FUZZ_CHECK(origins.explain(packet, b, [](const Fuzz::Origin &o) { return o.bytes.size(); }));
-        FUZZ_CHECK(Fuzz::groupsInOrder(blocks, false));
+            FUZZ_CHECK(origins.explain(packet, b));
+        FUZZ_CHECK(Fuzz::groupsInOrder(blocks));
     };
     // A frame's bytes are its opening datagram's from the header on, then the
     // bodies of its port's next datagrams, until one opens a frame (whichever
@@ -44,7 +43,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         if (off >= 0) {
             QByteArray f = d.mid(off);
             f[int(offsetof(RdvFrame, flags))] = char(quint8(f[int(offsetof(RdvFrame, flags))]) + 8 * port);
-            assembling[port] = origins.add(f, 0);
+            assembling[port] = origins.add(f);
         } else if (assembling[port] >= 0) {
             QByteArray &f = origins[assembling[port]].bytes;
             const int missing = Rdv::frameLength(f.constData()) - f.size();

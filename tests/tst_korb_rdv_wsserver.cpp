@@ -121,10 +121,9 @@ private slots:
         QCOMPARE(int(Korb::sendIntervalMs), row.interval < 0 ? 77 : row.interval);
     }
 
-    // A client the relay closes gets the code, though it keeps sending and
-    // reads nothing until then; the others keep receiving. One that sends
-    // commands without reading the replies is held to the reply bound; one
-    // that never reads again is cut off in the end.
+    // A client the relay closes gets the code, though it keeps sending and reads nothing until then; the
+    // others keep receiving. One that sends commands without reading the replies is held to the reply bound;
+    // one that never reads again is cut off in the end.
     void closedClientGetsTheCode_data()
     {
         QTest::addColumn<QByteArray>("message"); // sent, each taken before the next, until closed; then on
@@ -181,28 +180,23 @@ private slots:
     void totalBoundCutsOffFurthestBehind()
     {
         const QByteArray big = frame(single(0, 13000));
-        // A raw client that stops taking anything off the wire, and its socket on the server.
-        const auto stallWithQueue = [&](QTcpSocket &raw) -> QWebSocket * {
+        QTcpSocket raw[2];
+        QWebSocket *side[2] = {};
+        for (int c = 0; c < 2; ++c) {
             QSignalSpy connected(m_server.get(), &WebSocketServer::connected);
-            if (!rawHandshake(raw, m_server->serverPort()) || !(connected.count() || connected.wait(5000)))
-                return nullptr;
-            raw.setReadBufferSize(1);
-            auto *side = connected.at(0).at(0).value<QWebSocket *>();
-            for (int i = 0; i < 1000 && side->bytesToWrite() == 0; ++i) {
-                m_server->sendRdv(asFrame(big));
-                QCoreApplication::processEvents();
-            }
-            return side->bytesToWrite() > 0 ? side : nullptr;
-        };
-        QTcpSocket first, second;
-        QWebSocket *firstSide = stallWithQueue(first);
-        QWebSocket *secondSide = stallWithQueue(second);
-        QVERIFY(firstSide && secondSide);
+            QVERIFY(rawHandshake(raw[c], m_server->serverPort()) &&
+                    (connected.count() || connected.wait(5000)));
+            raw[c].setReadBufferSize(1); // from now on it takes nothing off the wire
+            side[c] = connected.at(0).at(0).value<QWebSocket *>();
+            for (int i = 0; i < 1000 && side[c]->bytesToWrite() == 0; ++i)
+                m_server->sendRdv(asFrame(big)), QCoreApplication::processEvents();
+            QVERIFY(side[c]->bytesToWrite() > 0);
+        }
         QSignalSpy gone(m_server.get(), &WebSocketServer::disconnected);
-        m_server->setMaxQueuedBytes(firstSide->bytesToWrite() + secondSide->bytesToWrite() - 1);
+        m_server->setMaxQueuedBytes(side[0]->bytesToWrite() + side[1]->bytesToWrite() - 1);
         m_server->sendRdv(asFrame(big));
         QTRY_COMPARE(gone.count(), 1);
-        QCOMPARE(gone.at(0).at(0).value<QWebSocket *>(), firstSide);
+        QCOMPARE(gone.at(0).at(0).value<QWebSocket *>(), side[0]);
         QCOMPARE(m_server->clientCount(), 1);
     }
 

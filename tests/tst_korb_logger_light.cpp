@@ -1,8 +1,6 @@
-// The log call and the light logger: records against the line they leave in
-// the day's file (threshold, source name, line template); a run of records and
-// logger steps against the messages the file receives and what the console
-// hears (folding into series, the size cap and its report, an unopenable file,
-// the console echo).
+// The log call and the light logger: records against the line they leave in the day's file (threshold, source
+// name, line template); a run of records and logger steps against the messages the file receives and what the
+// console hears (folding into series, the size cap and its report, an unopenable file, the console echo).
 #include "logger/korb_log.h"
 #include "logger/korb_logger_light.h"
 #include "support/stderr_capture.h"

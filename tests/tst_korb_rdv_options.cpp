@@ -46,9 +46,8 @@ private slots:
     {
         Korb::setAppDir(m_tmp.filePath("bin"));
         KorbLoggerLight::instance()->setLogDir(m_tmp.filePath("logs"));
-        QFile rec(m_tmp.filePath("rec.rdv"));
         const QString etc = m_tmp.filePath("etc/");
-        QVERIFY(rec.open(QIODevice::WriteOnly) && QDir(m_tmp.path()).mkpath("etc") &&
+        QVERIFY(RdvTest::writeFile(m_tmp.filePath("rec.rdv"), "") && QDir(m_tmp.path()).mkpath("etc") &&
                 RdvTest::writeFile(etc + "relay.ini", "[tls]\ncertificate=/pki/relay.crt\nkey=relay.key\n"
                                                       "[http]\nhealth_silence_s=3\n[domains]\nx=1\n") &&
                 RdvTest::writeFile(etc + "record.ini",

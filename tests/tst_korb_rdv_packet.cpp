@@ -1,7 +1,6 @@
-// The packet as clients read it: the relay builds packets from frames, and
-// both readers, its own and the viewer page's (under node), must find every
-// field the frame put there; on bytes that are no packet, both must stop at
-// the same fault.
+// The packet as clients read it: the relay builds packets from frames, and both readers, its own and the
+// viewer page's (under node), must find every field the frame put there; on bytes that are no packet, both
+// must stop at the same fault.
 #include "src/korb_rdv_decoder.h"
 #include "src/korb_rdv_packet.h"
 #include "support/rdv_test_encoder.h"
@@ -39,9 +38,8 @@ bool same(double a, double b)
     return a == b || (std::isnan(a) && std::isnan(b));
 }
 
-// Bytes that are no longer quite the packet: "cut N" keeps the first N bytes
-// (N < 0: all but the last -N), "add N" appends N zero bytes, "word O V" sets
-// the 16-bit word at O, "then P" appends the packet P.
+// Bytes that are no longer quite the packet: "cut N" keeps the first N bytes (N < 0: all but the last -N),
+// "add N" appends N zero bytes, "word O V" sets the 16-bit word at O, "then P" appends the packet P.
 QByteArray altered(QByteArray packet, const QString &how, const QByteArray &then)
 {
     const QStringList w = how.split(' ');

@@ -1,8 +1,7 @@
-// The relay in this process. Plain HTTP on its WebSocket port: the embedded
-// viewer page, /metrics and /healthz by path and method, the requests the
-// relay refuses, the source's liveness, and the metrics as promtool reads them
-// (skipped where the prometheus package is missing); its UDP receiver opened
-// once, and its pause.
+// The relay in this process. Plain HTTP on its WebSocket port: the embedded viewer page, /metrics and
+// /healthz by path and method, the requests the relay refuses, the source's liveness, and the metrics as
+// promtool reads them (skipped where the prometheus package is missing); its UDP receiver opened once, and
+// its pause.
 #include "logger/korb_logger_light.h"
 #include "src/korb_env.h"
 #include "src/korb_rdv_assembly.h"

@@ -1,8 +1,6 @@
-// The management command line of the real executable, run in the sandbox:
-// arguments and the state of the machine (registry, systemd and its answers,
-// a running instance) against exit status, output, and afterwards the
-// registry, the systemctl calls, the installed files and the operations the
-// instance recorded.
+// The management command line of the real executable, run in the sandbox: arguments and the state of the
+// machine (registry, systemd and its answers, a running instance) against exit status, output, and afterwards
+// the registry, the systemctl calls, the installed files and the operations the instance recorded.
 #include "support/svc_sandbox.h"
 
 #include "service/korb_service_controller.h"
@@ -26,10 +24,10 @@ QString mode(int p)
 // The unit lines an operator relies on, the init script's mode and its link.
 QStringList installed(const SvcSandbox &box)
 {
-    QFile unit(box.path("unit/" + Name + ".service"));
-    const QString text = unit.open(QIODevice::ReadOnly) ? QString::fromUtf8(unit.readAll()) : QString();
-    QStringList seen = text.split('\n').filter(QRegularExpression(
-        "^(User|Group|WorkingDirectory|Environment|ExecStart(Pre)?|# ApplicationPIDFile)="));
+    QStringList seen =
+        box.lines("unit/" + Name + ".service")
+            .filter(QRegularExpression(
+                "^(User|Group|WorkingDirectory|Environment|ExecStart(Pre)?|# ApplicationPIDFile)="));
     const QDir init(box.path("upper/init.d"));
     for (const QFileInfo &file : init.entryInfoList(QDir::Files | QDir::System))
         seen << file.fileName() + (file.isSymLink() ? " -> " + init.relativeFilePath(file.symLinkTarget())

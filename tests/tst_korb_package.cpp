@@ -3,8 +3,6 @@
 // installed, run as a service and purged in a throwaway systemd container.
 #include "support/svc_container.h"
 
-#include <QDir>
-#include <QRegularExpression>
 #include <QtTest>
 
 namespace {
@@ -70,45 +68,36 @@ private slots:
         m_package = PackageDir + QStringLiteral("/korbrdv_%1_%2.deb").arg(KORB_PACKAGE_VERSION, arch);
         QVERIFY2(QFileInfo::exists(m_package), qPrintable(m_package));
 
-        // "lrwxrwxrwx root/root 0 2024-01-01 00:00 ./usr/bin/x -> ../lib/x"
-        static const QRegularExpression line(
-            QStringLiteral("^(\\S+)\\s+\\S+\\s+\\d+\\s+\\S+\\s+\\S+\\s+\\.(/\\S*?)/?( -> \\S+)?$"));
-        const SvcRun list = svcRun("dpkg-deb", {"--contents", m_package});
-        QCOMPARE(list.exitCode, 0);
-        for (const QString &row : QString::fromUtf8(list.out).split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
-            const QRegularExpressionMatch m = line.match(row);
-            QVERIFY2(m.hasMatch(), qPrintable(row));
-            if (!m.captured(1).startsWith(QLatin1Char('d')))
-                m_listed << m.captured(1) + ' ' + m.captured(2) + m.captured(3);
-        }
+        // "lrwxrwxrwx root/root 0 2024-01-01 00:00 ./usr/bin/x -> ../lib/x": mode, path, target.
+        const SvcRun list =
+            svcRun("sh", {"-c",
+                          "dpkg-deb --contents \"$0\" | awk '$1 !~ /^d/ {sub(/^\\./, \"\", $6); "
+                          "print $1, $6 ($7 ? \" \" $7 \" \" $8 : \"\")}' | LC_ALL=C sort",
+                          m_package});
+        QVERIFY2(list.exitCode == 0, qPrintable(text(list)));
+        m_listed = QString::fromUtf8(list.out).split('\n', Qt::SkipEmptyParts);
     }
 
     // Modes and link targets; the viewer's node_modules and tests, build files and the like stay out.
-    void contents()
-    {
-        m_listed.sort();
-        QCOMPARE(m_listed, Expected);
-    }
+    void contents() { QCOMPARE(m_listed, Expected); }
 
     void control()
     {
         const auto field = [this](const char *name) {
             return QString::fromUtf8(svcRun("dpkg-deb", {"--field", m_package, name}).out.trimmed());
         };
-        QCOMPARE(field("Package"), QStringLiteral("korbrdv"));
-        QCOMPARE(field("Version"), QStringLiteral(KORB_PACKAGE_VERSION));
+        QCOMPARE(field("Package") + ' ' + field("Version"), QStringLiteral("korbrdv " KORB_PACKAGE_VERSION));
         QCOMPARE(svcRun("dpkg-deb", {"--info", m_package, "conffiles"}).out,
                  QByteArray("/etc/korbrdv/KorbRdv_streamer.ini\n"));
         // Read from the binaries, so each comes with the least version it needs.
-        for (const char *library :
-             {"libc6", "libstdc++6", "libqt5core5a", "libqt5network5", "libqt5websockets5", "libmosquitto1"})
-            QVERIFY2(QRegularExpression(
-                         QStringLiteral("(^|, )%1 \\(>= [^)]+\\)").arg(QRegularExpression::escape(library)))
-                         .match(field("Depends"))
-                         .hasMatch(),
-                     qPrintable(library + (": " + field("Depends"))));
+        const QString depends = field("Depends");
+        for (const QString library : {"libc6", "libstdc\\+\\+6", "libqt5core5a", "libqt5network5",
+                                      "libqt5websockets5", "libmosquitto1"})
+            QVERIFY2(depends.contains(QRegularExpression("(^|, )" + library + " \\(>= [^)]+\\)")),
+                     qPrintable(library + ": " + depends));
     }
 
+    // Lintian's exit status is not 0 where it finds an error.
     void lintianFindsNoError()
     {
         const QString lintian = QStandardPaths::findExecutable(QStringLiteral("lintian"));
@@ -117,8 +106,6 @@ private slots:
         const SvcRun run =
             svcRun(lintian, {m_package}, QProcessEnvironment::systemEnvironment(), LintianWaitMs);
         QVERIFY2(run.exitCode == 0, qPrintable(text(run)));
-        QVERIFY2(!QRegularExpression(QStringLiteral("(^|\\n)E: ")).match(text(run)).hasMatch(),
-                 qPrintable(text(run)));
     }
 
     void installRunPurge()
@@ -131,85 +118,68 @@ private slots:
         if (!failedBoot.isEmpty())
             QSKIP(qPrintable(failedBoot));
 
-        const SvcRun install = container.exec(
-            {"dpkg", "-i", PackageInContainer + QLatin1Char('/') + QFileInfo(m_package).fileName()});
+        // One shell line in the container; a failed check shows its output.
+        const auto sh = [&container](const QString &line) { return container.exec({"sh", "-c", line}); };
+        const SvcRun install = sh("dpkg -i " + PackageInContainer + '/' + QFileInfo(m_package).fileName());
         QVERIFY2(install.exitCode == 0, qPrintable(text(install)));
         // Installing starts nothing; the recording folder waits to be named.
-        QCOMPARE(container.exec({"pgrep", "-f", "^/usr/lib/korbrdv/bin/"}).exitCode, 1);
-        QCOMPARE(container.exec({"test", "-d", "/var/lib/korbrdv/rec"}).exitCode, 0);
+        QCOMPARE(sh("! pgrep -f ^/usr/lib/korbrdv/bin/ && test -d /var/lib/korbrdv/rec").exitCode, 0);
 
         // Through the link on the PATH, the installer still names the real program.
         const QString relay = QStringLiteral("/usr/lib/korbrdv/bin/KorbRdv_streamer");
         const QString args = QStringLiteral("-p 3011 -file=/usr/share/korbrdv/demo.rdv -addr=127.0.0.1:3999");
         const SvcRun unit = container.exec({"KorbRdv_streamer", "-i", "-n", "KorbRdv.pkg", "-a", args});
-        QCOMPARE(unit.exitCode, 0);
-        QVERIFY2(unit.out.endsWith(QStringLiteral("installed under:\n %1 %2\n").arg(relay, args).toUtf8()),
-                 unit.out.constData());
-        const QByteArray unitFile =
-            container.exec({"cat", "/usr/lib/systemd/system/KorbRdv.pkg.service"}).out;
-        QVERIFY2(unitFile.contains("\nWorkingDirectory=/usr/lib/korbrdv\n"), unitFile.constData());
-        QVERIFY2(
-            unitFile.contains(QStringLiteral("\nExecStart=%1 -n KorbRdv.pkg %2\n").arg(relay, args).toUtf8()),
-            unitFile.constData());
+        QVERIFY2(unit.exitCode == 0 &&
+                     unit.out.endsWith(("installed under:\n " + relay + ' ' + args + '\n').toUtf8()),
+                 qPrintable(text(unit)));
+        const QString unitFile = QString::fromUtf8(sh("cat /usr/lib/systemd/system/KorbRdv.pkg.service").out);
+        QVERIFY2(unitFile.contains("\nWorkingDirectory=/usr/lib/korbrdv\n") &&
+                     unitFile.contains("\nExecStart=" + relay + " -n KorbRdv.pkg " + args + '\n'),
+                 qPrintable(unitFile));
 
         // Started by the relay itself; the query through the link finds the instance the registry holds
         // under the real path, with systemd's view of it.
-        QCOMPARE(container.exec({"KorbRdv_streamer", "-s", "-n", "KorbRdv.pkg"}).exitCode, 0);
-        const QString listed =
-            QStringLiteral("KorbRdv.pkg\t1\tdisabled|active  \t'%1 %2'\n").arg(relay, args);
-        QTRY_COMPARE_WITH_TIMEOUT(QString::fromUtf8(container.exec({"KorbRdv_streamer", "-q"}).out), listed,
-                                  20000);
+        QCOMPARE(sh("KorbRdv_streamer -s -n KorbRdv.pkg").exitCode, 0);
+        QTRY_COMPARE_WITH_TIMEOUT(text(sh("KorbRdv_streamer -q")),
+                                  "KorbRdv.pkg\t1\tdisabled|active  \t'" + relay + ' ' + args + "'\n", 20000);
         SvcRun client;
-        QTRY_VERIFY_WITH_TIMEOUT((client = container.exec({"korb_rdv_client", "ws://127.0.0.1:3011",
-                                                           "--count", "5", "--timeout", "10"}))
-                                         .exitCode == 0,
-                                 30000);
+        QTRY_VERIFY_WITH_TIMEOUT(
+            (client = sh("korb_rdv_client ws://127.0.0.1:3011 --count 5 --timeout 10")).exitCode == 0, 30000);
         QVERIFY2(client.out.contains("\n5 packets, 0 malformed"), client.out.constData());
 
         // Run through the link in /usr/bin, the relay still finds ../tmp and
         // ../logs beside its real bin/, and the links there lead to /var.
-        QCOMPARE(container
-                     .exec({"systemd-run", "--collect", "--unit=korbrdv-link", "KorbRdv_streamer", "-e", "-p",
-                            "3012", "-addr=127.0.0.1:3999"})
-                     .exitCode,
-                 0);
-        QTRY_COMPARE_WITH_TIMEOUT(
-            container.exec({"test", "-s", "/var/lib/korbrdv/tmp/KorbRdv_streamer-3012.pid"}).exitCode, 0,
-            20000);
-        QTRY_VERIFY_WITH_TIMEOUT(container.exec({"ls", "/var/log/korbrdv"}).out.startsWith("rdv_"), 20000);
-        QCOMPARE(container.exec({"systemctl", "stop", "korbrdv-link"}).exitCode, 0);
+        const QString run =
+            "systemd-run --collect --unit=korbrdv-link KorbRdv_streamer -e -p 3012 -addr=127.0.0.1:3999";
+        const QString found =
+            "test -s /var/lib/korbrdv/tmp/KorbRdv_streamer-3012.pid && ls /var/log/korbrdv | grep ^rdv_";
+        QCOMPARE(sh(run).exitCode, 0);
+        QTRY_COMPARE_WITH_TIMEOUT(sh(found).exitCode, 0, 20000);
+        QCOMPARE(sh("systemctl stop korbrdv-link").exitCode, 0);
 
         // A running instance is not started twice; stopped, it can be uninstalled.
-        QCOMPARE(container.exec({"KorbRdv_streamer", "-s", "-n", "KorbRdv.pkg"}).exitCode, -4);
-        QCOMPARE(container.exec({"KorbRdv_streamer", "-t", "-n", "KorbRdv.pkg"}).exitCode, 0);
-        const SvcRun uninstall = container.exec({"KorbRdv_streamer", "-u", "-n", "KorbRdv.pkg"});
+        QCOMPARE(sh("KorbRdv_streamer -s -n KorbRdv.pkg").exitCode, -4);
+        QCOMPARE(sh("KorbRdv_streamer -t -n KorbRdv.pkg").exitCode, 0);
+        const SvcRun uninstall = sh("KorbRdv_streamer -u -n KorbRdv.pkg");
         QVERIFY2(uninstall.out.endsWith("The service KorbRdv.pkg has been uninstalled.\n"),
                  uninstall.out.constData());
-        QCOMPARE(
-            container.exec({"sh", "-c", "ls /etc/init.d/KorbRdv.pkg* /usr/lib/systemd/system/KorbRdv.pkg*"})
-                .out,
-            QByteArray());
+        QCOMPARE(sh("ls /etc/init.d/KorbRdv.pkg* /usr/lib/systemd/system/KorbRdv.pkg*").out, QByteArray());
 
         // Purging refuses nothing and names the instance left installed.
-        QCOMPARE(container.exec({"KorbRdv_streamer", "-i", "-n", "KorbRdv.left"}).exitCode, 0);
-        const QStringList owned = QString::fromUtf8(container.exec({"dpkg", "-L", "korbrdv"}).out)
-                                      .split(QLatin1Char('\n'))
-                                      .filter(QStringLiteral("korb"), Qt::CaseInsensitive);
+        QCOMPARE(sh("KorbRdv_streamer -i -n KorbRdv.left").exitCode, 0);
+        const QStringList owned = text(sh("dpkg -L korbrdv")).split('\n').filter("korb", Qt::CaseInsensitive);
         QVERIFY(owned.contains(relay));
-        const SvcRun purge = container.exec({"dpkg", "--purge", "korbrdv"});
-        QVERIFY2(purge.exitCode == 0, qPrintable(text(purge)));
-        QVERIFY2(purge.out.contains("\n    KorbRdv_streamer -u -n KorbRdv.left\n"), purge.out.constData());
-        QVERIFY2(!purge.out.contains("-u -n KorbRdv.pkg"), purge.out.constData());
+        const SvcRun purge = sh("dpkg --purge korbrdv");
+        QVERIFY2(purge.exitCode == 0 && purge.out.contains("\n    KorbRdv_streamer -u -n KorbRdv.left\n") &&
+                     !purge.out.contains("-u -n KorbRdv.pkg"),
+                 qPrintable(text(purge)));
 
         // Nothing of the package stays but the logs.
         const SvcRun left = container.exec(
             QStringList{"sh", "-c", "for f; do [ -e \"$f\" ] || [ -L \"$f\" ] && echo \"$f\"; done; true",
                         "sh"} +
             owned + QStringList{"/var/lib/korbrdv"});
-        QCOMPARE(left.out, QByteArray());
-        QCOMPARE(
-            container.exec({"find", "/var/log/korbrdv", "-mindepth", "1", "!", "-name", "rdv_*.txt"}).out,
-            QByteArray());
+        QCOMPARE(left.out + sh("find /var/log/korbrdv -mindepth 1 ! -name 'rdv_*.txt'").out, QByteArray());
     }
 
 private:

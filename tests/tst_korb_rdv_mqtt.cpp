@@ -12,10 +12,7 @@
 #include "support/rdv_test_encoder.h"
 #include "support/ws_test_client.h"
 
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QTcpServer>
-#include <QUdpSocket>
+#include <QTcpSocket>
 #include <QtTest>
 
 using namespace RdvTest;
@@ -37,52 +34,27 @@ private slots:
 
     void publishes_data()
     {
-        QTest::addColumn<QString>("source");
         QTest::addColumn<QString>("outage"); // of the broker, once packets flow
         QTest::addColumn<int>("samples");
         QTest::addColumn<int>("spacingMs"); // of the frames' stamps, a little over the relay's interval
-        // clang-format off
-        QTest::newRow("file replayed") << "file" << "" << 2 << 50;
-        QTest::newRow("tcp device") << "tcp" << "" << 2 << 60;
-        QTest::newRow("udp device") << "udp" << "" << 2 << 60;
-        QTest::newRow("file, broker stopped 5 s") << "file" << "stopped" << 2 << 50;
-        QTest::newRow("file at 10 MB/s, broker frozen 5 s") << "file" << "frozen" << 13000 << 10;
-        // clang-format on
+        QTest::newRow("a recording replayed") << "" << 2 << 50;
+        QTest::newRow("broker stopped 5 s") << "stopped" << 2 << 50;
+        QTest::newRow("10 MB/s, broker frozen 5 s") << "frozen" << 13000 << 10;
     }
 
     void publishes()
     {
-        QFETCH(QString, source);
         QFETCH(QString, outage);
         QFETCH(int, samples);
         QFETCH(int, spacingMs);
         QList<FrameSpec> frames;
         while (frames.size() < 100)
             frames << single(frames.size() * spacingMs, quint16(samples));
-        QTcpServer device;
-        QVERIFY(writeFile(m_dir.filePath("rec.rdv"), stream(frames)) &&
-                device.listen(QHostAddress::LocalHost));
-        // Datagrams go to -udp1= always; a UDP port alone opens no receiver.
-        const QString udp = freePort(true);
+        QVERIFY(writeFile(m_dir.filePath("rec.rdv"), stream(frames)));
         KorbRdvStreamer *s =
             relay({"-mqtt=" + m_broker.address(), "-interval_ms=" + QString::number(spacingMs - 5),
-                   "-addr=127.0.0.1:" + QString::number(device.serverPort()), "-udp1=" + udp,
-                   "-udp2=" + (source == "udp" ? freePort(true) : "0"),
-                   source == "file" ? "-file=" + m_dir.filePath("rec.rdv") : "-nofile"});
+                   "-file=" + m_dir.filePath("rec.rdv")});
         QVERIFY(s);
-        QUdpSocket datagrams;
-        QTcpSocket *tcp = nullptr; // the newest connection: a probe comes before it
-        QTimer feed;
-        connect(&feed, &QTimer::timeout, this, [&, i = 0]() mutable {
-            datagrams.writeDatagram(datagram(quint32(i + 1), frame(channel(1, spacingMs * i))),
-                                    QHostAddress::LocalHost, udp.toUShort());
-            while (device.hasPendingConnections())
-                tcp = device.nextPendingConnection();
-            if (tcp && source == "tcp")
-                tcp->write(stream({single(spacingMs * i)}));
-            ++i;
-        });
-        feed.start(30);
         // No WebSocket client yet: the broker link alone is a consumer.
         MqttRecorder recorder(m_broker.port(), topic("#"));
         QTRY_COMPARE(recorder.last(topic("state")), QByteArray("online"));
@@ -91,11 +63,9 @@ private slots:
         const QByteArrayList &reports = recorder.messages[topic("stats")];
         const QJsonObject first = QJsonDocument::fromJson(reports.first()).object(),
                           last = QJsonDocument::fromJson(reports.last()).object();
-        QVERIFY(last.value("source").toString() == source && last.value("ws_clients") == 0);
+        QVERIFY(last.value("source").toString() == "file" && last.value("ws_clients") == 0);
         for (const char *moving : {"frames_accepted", "packets_built", "uptime_s"})
             QVERIFY2(last.value(moving).toDouble() > first.value(moving).toDouble(), moving);
-        QCOMPARE(last.value("kernel_drops").isDouble(), source == "udp");
-        QCOMPARE(last.value("datagrams_accepted").toDouble() > 0, source == "udp");
         WsTestClient *client = connectClient(*s->server(), s);
         const QByteArrayList &published = recorder.messages[topic("rdv")];
         QTRY_VERIFY(client && client->binaries.size() >= 5 &&
@@ -110,16 +80,12 @@ private slots:
         // A link that is down is no consumer; a frozen one is still up.
         QTRY_COMPARE(s->server()->consumerCount(), outage == "frozen" ? 2 : 1);
         int got = 0;
-        qint64 longest = 0;
-        QElapsedTimer gap;
-        gap.start();
         connect(&client->socket, &QWebSocket::binaryMessageReceived, client, [&] {
-            ++got, longest = qMax(longest, gap.restart());
+            ++got;
             client->binaries.clear();
         });
-        // About five seconds of packets for the client meanwhile, none held up.
+        // About five seconds of packets for the client meanwhile.
         QTRY_VERIFY_WITH_TIMEOUT(got >= 4500 / spacingMs, 15000);
-        QVERIFY2(longest < 500, qPrintable(QString::number(longest)));
         QVERIFY(outage == "frozen" ? (m_broker.freeze(false), true) : m_broker.start());
         MqttRecorder again(m_broker.port(), topic("rdv"));
         QTRY_VERIFY_WITH_TIMEOUT(again.count(topic("rdv")) > 0, 10000);
@@ -130,13 +96,12 @@ private slots:
     {
         QTest::addColumn<int>("interval");  // the edge's, by "ims"
         QTest::addColumn<int>("spacingMs"); // of the messages published for 3 s
-        QTest::addColumn<int>("samples");   // 0: no packets; large ones with a second client that never reads
+        QTest::addColumn<int>("samples");   // large ones with a second client that never reads
         QTest::addColumn<int>("least");     // of them the reading client gets
         QTest::addColumn<int>("most");
         // clang-format off
         QTest::newRow("unchanged, every one") << 20 << 50 << 2 << 60 << 60;
         QTest::newRow("own interval 400 ms") << 400 << 50 << 2 << 7 << 9;
-        QTest::newRow("no packets, nothing") << 20 << 50 << 0 << 0 << 0;
         QTest::newRow("latest-wins for a stalled client") << 2 << 10 << 13000 << 1 << 300;
         // clang-format on
     }
@@ -160,32 +125,18 @@ private slots:
         QByteArrayList sent;
         QTimer clock;
         connect(&clock, &QTimer::timeout, this, [&] {
-            sent << (samples ? singlePacket(frame(single(spacingMs * sent.size(), quint16(samples))))
-                             : "none");
+            sent << singlePacket(frame(single(spacingMs * sent.size(), quint16(samples))));
             publisher.link->publish("plant/line", sent.last(), false);
             if (sent.size() == 3000 / spacingMs)
                 clock.stop();
         });
         clock.start(spacingMs);
-        QTRY_VERIFY_WITH_TIMEOUT(!clock.isActive() && (!least || client->binaries.endsWith(sent.last())),
-                                 15000);
+        QTRY_VERIFY_WITH_TIMEOUT(!clock.isActive() && client->binaries.endsWith(sent.last()), 15000);
         QVERIFY2(client->binaries.size() >= least && client->binaries.size() <= most,
                  qPrintable(QString::number(client->binaries.size())));
         for (const QByteArray &packet : qAsConst(client->binaries))
             QVERIFY(sent.contains(packet));
         QCOMPARE(s->server()->replacedPackets() > 0, samples > 2);
-    }
-
-    void stateTurnsOfflineWhenKilled()
-    {
-        m_name = "killed";
-        MqttRecorder recorder(m_broker.port(), topic("state"));
-        QProcess relay;
-        relay.start(KORB_STREAMER_BIN, {"-e", "-n", m_name, "-p", freePort(), "-ld", m_dir.filePath("logs"),
-                                        "-nofile", "-addr=127.0.0.1:1", "-mqtt=" + m_broker.address()});
-        QTRY_COMPARE_WITH_TIMEOUT(recorder.last(topic("state")), QByteArray("online"), 15000);
-        relay.kill();
-        QTRY_COMPARE(recorder.last(topic("state")), QByteArray("offline"));
     }
 
 private:

@@ -1,6 +1,5 @@
 // The relay's options: what a command line (and the configuration file
-// beside it) settles, with the quirks operators' scripts rely on; and the
-// README's options table, which must list every option there is.
+// beside it) settles, with the quirks operators' scripts rely on.
 #include "logger/korb_log.h"
 #include "logger/korb_logger_light.h"
 #include "src/korb_env.h"
@@ -17,32 +16,19 @@ QString settled(const KorbRdvOptions &o, const QString &root)
     const auto rel = [&root](QString path) {
         return path.replace(root + "/bin/..", QStringLiteral("~")).replace(root, QStringLiteral("~"));
     };
-    return QStringList{"port=" + QString::number(o.port),
-                       "tls=" + QString::number(o.securePort),
-                       QStringLiteral("device=%1:%2").arg(o.deviceHost).arg(o.devicePort),
-                       QStringLiteral("udp=%1,%2").arg(o.udpPorts[0]).arg(o.udpPorts[1]),
-                       "interval=" + opt(o.sendIntervalMs),
-                       "clients=" + QString::number(o.maxClients),
-                       "replay=" + rel(o.replayFile),
-                       "mqtt=" + o.mqttTarget + "|" + o.mqttSource,
-                       QStringLiteral("lt=%1%2").arg(opt(o.logThreshold), o.logThresholdValid ? "" : "?"),
-                       "ld=" + rel(o.logDir),
-                       "tc=" + QString::fromLatin1(o.terminalCodec),
-                       "cfg=" + rel(o.configFile),
-                       "nofile=" + QString::number(o.noFile),
-                       "cert=" + rel(o.tlsCertificate),
-                       "key=" + rel(o.tlsKey),
-                       QStringLiteral("record=%1,%2,%3,%4,%5")
-                           .arg(rel(o.recording.dir))
-                           .arg(o.recording.fileMb)
-                           .arg(o.recording.totalMb)
-                           .arg(o.recording.keepDays)
-                           .arg(o.recording.gated),
-                       QStringLiteral("window=%1,%2").arg(opt(o.replayFromMs), opt(o.replayToMs)),
-                       "dumps=" + QString::number(o.dumpQuotaMb),
-                       "silence=" + QString::number(o.healthSilenceS),
-                       ""}
-        .join(' ');
+    const auto n = [](auto v) { return QString::number(v); };
+    const KorbRdvOptions::Recording &r = o.recording;
+    // clang-format off
+    return QStringList{"port=" + n(o.port), "tls=" + n(o.securePort), "device=" + o.deviceHost + ':' + n(o.devicePort),
+                       "udp=" + n(o.udpPorts[0]) + ',' + n(o.udpPorts[1]), "interval=" + opt(o.sendIntervalMs),
+                       "clients=" + n(o.maxClients), "replay=" + rel(o.replayFile), "mqtt=" + o.mqttTarget + '|' + o.mqttSource,
+                       "lt=" + opt(o.logThreshold) + (o.logThresholdValid ? "" : "?"), "ld=" + rel(o.logDir),
+                       "tc=" + QString::fromLatin1(o.terminalCodec), "cfg=" + rel(o.configFile), "nofile=" + n(o.noFile),
+                       "cert=" + rel(o.tlsCertificate), "key=" + rel(o.tlsKey),
+                       QStringList{"record=" + rel(r.dir), n(r.fileMb), n(r.totalMb), n(r.keepDays), n(r.gated)}.join(','),
+                       "window=" + opt(o.replayFromMs) + ',' + opt(o.replayToMs), "dumps=" + n(o.dumpQuotaMb),
+                       "silence=" + n(o.healthSilenceS), ""}.join(' ');
+    // clang-format on
 }
 } // namespace
 
@@ -51,13 +37,17 @@ class tst_KorbRdvOptions : public QObject
     Q_OBJECT
 
 private slots:
+    void cleanupTestCase()
+    {
+        Korb::sendIntervalMs = Korb::DefaultSendIntervalMs, Korb::logThreshold = Korb::DefaultLogThreshold;
+    }
+
     void initTestCase()
     {
         Korb::setAppDir(m_tmp.filePath("bin"));
         KorbLoggerLight::instance()->setLogDir(m_tmp.filePath("logs"));
-        QFile rec(m_tmp.filePath("rec.rdv"));
         const QString etc = m_tmp.filePath("etc/");
-        QVERIFY(rec.open(QIODevice::WriteOnly) && QDir(m_tmp.path()).mkpath("etc") &&
+        QVERIFY(RdvTest::writeFile(m_tmp.filePath("rec.rdv"), "") && QDir(m_tmp.path()).mkpath("etc") &&
                 RdvTest::writeFile(etc + "relay.ini", "[tls]\ncertificate=/pki/relay.crt\nkey=relay.key\n"
                                                       "[http]\nhealth_silence_s=3\n[domains]\nx=1\n") &&
                 RdvTest::writeFile(etc + "record.ini",
@@ -105,40 +95,31 @@ private slots:
     {
         QFETCH(QStringList, arguments);
         QFETCH(QString, expected);
-        const QString all = settled(KorbRdvOptions::parse(QStringList("relay") + arguments), m_tmp.path());
+        const KorbRdvOptions o = KorbRdvOptions::parse(QStringList("relay") + arguments);
+        const QString all = settled(o, m_tmp.path());
         for (const QString &item : expected.split(' '))
             QVERIFY2(all.contains(' ' + item + ' ') || all.startsWith(item + ' '),
                      qPrintable(item + " not in " + all));
+        // Applied, what was given is the process's; what was not leaves the process's as it was.
+        Korb::sendIntervalMs = 1, Korb::logThreshold = -1;
+        o.applyProcessWide();
+        QCOMPARE(int(Korb::sendIntervalMs), int(o.sendIntervalMs.value_or(1)));
+        QCOMPARE(Korb::logThreshold, o.logThreshold.value_or(-1));
     }
 
-    void processWideValues()
-    {
-        const int threshold = Korb::logThreshold;
-        const quint16 interval = Korb::sendIntervalMs;
-        KorbRdvOptions::parse({"relay", "-lt", "4", "-interval_ms=9"}).applyProcessWide();
-        const bool applied = Korb::logThreshold == 4 && Korb::sendIntervalMs == 9;
-        KorbRdvOptions::parse({"relay"}).applyProcessWide(); // nothing given, nothing changed
-        const bool kept = Korb::logThreshold == 4 && Korb::sendIntervalMs == 9;
-        Korb::logThreshold = threshold;
-        Korb::sendIntervalMs = interval;
-        QVERIFY(applied && kept);
-    }
-
+    // Every option of the table is documented where users look for it.
     void readmeListsEveryOption()
     {
-        QFile readme(QStringLiteral(KORB_SOURCE_DIR "/README.md"));
-        QVERIFY(readme.open(QIODevice::ReadOnly));
-        const QString text = QString::fromUtf8(readme.readAll());
+        const QString text =
+            QString::fromUtf8(RdvTest::readFile(QStringLiteral(KORB_SOURCE_DIR "/README.md")));
         const int from = text.indexOf("## Running the relay");
-        const QString options = text.mid(from, text.indexOf("\n## ", from + 1) - from);
         QVERIFY(from >= 0);
+        const QString options = text.mid(from, text.indexOf("\n## ", from + 1) - from);
         for (const KorbRdvOptions::Row &row : KorbRdvOptions::table()) {
-            if (row.name) {
-                QVERIFY2(options.contains(QLatin1Char('`') + QLatin1String(row.name)), row.name);
-            } else {
-                const QStringList key = QString::fromLatin1(row.iniKey).split('/');
-                QVERIFY2(text.contains('[' + key[0] + ']') && text.contains(key[1] + '='), row.iniKey);
-            }
+            const QStringList key = QString::fromLatin1(row.iniKey).split('/');
+            QVERIFY2(row.name ? options.contains(QLatin1Char('`') + QLatin1String(row.name))
+                              : text.contains('[' + key[0] + ']') && text.contains(key.value(1) + '='),
+                     row.name ? row.name : row.iniKey);
         }
     }
 

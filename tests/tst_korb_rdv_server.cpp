@@ -1,25 +1,70 @@
-// The streamer object: its stop sequence, pause, the UDP receiver opened once.
-#include "logger/korb_log.h"
+// The relay in this process. Plain HTTP on its WebSocket port: the embedded viewer page, /metrics and
+// /healthz by path and method, the requests the relay refuses, the source's liveness, and the metrics as
+// promtool reads them (skipped where the prometheus package is missing); its UDP receiver opened once, and
+// its pause.
 #include "logger/korb_logger_light.h"
 #include "src/korb_env.h"
 #include "src/korb_rdv_assembly.h"
 #include "src/korb_rdv_server.h"
-#include "src/korb_rdv_settings.h"
 #include "src/korb_rdv_wsserver.h"
+#include "support/rdv_test_encoder.h"
 #include "support/ws_test_client.h"
 
+#include <QTcpServer>
 #include <QtTest>
 
-using RdvTest::freePort;
+using namespace RdvTest;
 
 namespace {
-// On a free port unless the options name one.
-KorbRdvStreamer *streamer(QStringList options)
+// What a server at 127.0.0.1:port sends for `request` until it closes the
+// connection; empty when it answers nothing.
+QByteArray fetch(quint16 port, const QByteArray &request)
 {
-    if (!options.contains("-p"))
-        options << "-p" << freePort();
-    return new KorbRdvStreamer(nullptr, false, QStringList("KorbRdv_streamer") + options);
+    QTcpSocket socket;
+    socket.connectToHost(QHostAddress::LocalHost, port);
+    socket.write(request);
+    QByteArray response;
+    (void)QTest::qWaitFor(
+        [&] { return (response += socket.readAll(), socket.state() == QAbstractSocket::UnconnectedState); },
+        10000);
+    return response;
 }
+
+QByteArray get(const QByteArray &target)
+{
+    return "GET " + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n";
+}
+
+QByteArray field(const QByteArray &response, const QByteArray &name)
+{
+    const QByteArray head = response.left(response.indexOf("\r\n\r\n") + 2);
+    const int at = head.indexOf("\r\n" + name + ": ");
+    return at < 0 ? QByteArray()
+                  : head.mid(at + name.size() + 4, head.indexOf("\r\n", at + 2) - at - name.size() - 4);
+}
+
+QByteArray body(const QByteArray &response)
+{
+    return response.mid(response.indexOf("\r\n\r\n") + 4);
+}
+
+// A device on 127.0.0.1 that sends a frame every 20 ms to whoever connects, `frames` in all.
+struct Device : QTcpServer
+{
+    explicit Device(int frames)
+    {
+        listen(QHostAddress::LocalHost);
+        connect(this, &QTcpServer::newConnection, this, [this] { socket = nextPendingConnection(); });
+        connect(&clock, &QTimer::timeout, this, [this, frames] {
+            if (socket && sent < frames)
+                socket->write(stream({single(20 * sent++)}));
+        });
+        clock.start(20);
+    }
+    QTcpSocket *socket = nullptr;
+    QTimer clock;
+    int sent = 0;
+};
 } // namespace
 
 class tst_KorbRdvServer : public QObject
@@ -29,39 +74,140 @@ class tst_KorbRdvServer : public QObject
 private slots:
     void initTestCase()
     {
-        Korb::setAppDir(m_tmp.filePath("bin"));
-        KorbLoggerLight::instance()->setLogDir(m_tmp.filePath("logs"));
+        Korb::setAppDir(m_dir.filePath("bin"));
+        KorbLoggerLight::instance()->setLogDir(m_dir.filePath("logs"));
+        QVERIFY(writeFile(m_dir.filePath("rec.rdv"), stream({single(0), single(60)})) &&
+                writeFile(m_dir.filePath("silence.ini"), "[http]\nhealth_silence_s=1\n"));
     }
 
-    void stopSequence_data()
+    void cleanup() { qDeleteAll(findChildren<KorbRdvStreamer *>()); }
+
+    void requests_data()
     {
-        QTest::addColumn<bool>("end"); // end() rather than halt()
-        QTest::newRow("halt()") << false;
-        QTest::newRow("end()") << true;
+        QTest::addColumn<QByteArray>("request");
+        QTest::addColumn<int>("status"); // 0: closed without a response
+        QTest::addColumn<QByteArray>("type");
+        QTest::addColumn<QString>("page");       // the body is this file of tools/viewer
+        QTest::addColumn<QByteArray>("content"); // else the body holds this
+        const QByteArray html = "text/html; charset=utf-8", js = "text/javascript; charset=utf-8";
+        const QByteArray metrics = "text/plain; version=0.0.4; charset=utf-8";
+        // clang-format off
+        QTest::newRow("GET /: the viewer page") << get("/") << 200 << html << "index.html" << QByteArray();
+        QTest::newRow("GET /index.html") << get("/index.html") << 200 << html << "index.html" << QByteArray();
+        QTest::newRow("GET /viewer.js") << get("/viewer.js") << 200 << js << "viewer.js" << QByteArray();
+        QTest::newRow("GET /rdv_decoder.js") << get("/rdv_decoder.js") << 200 << js << "rdv_decoder.js" << QByteArray();
+        QTest::newRow("GET /viewer.css, HTTP/1.0") << QByteArray("GET /viewer.css HTTP/1.0\r\n\r\n") << 200 << QByteArray("text/css; charset=utf-8") << "viewer.css" << QByteArray();
+        QTest::newRow("GET /metrics") << get("/metrics") << 200 << metrics << "" << QByteArray("\nkorbrdv_frames_accepted_total ");
+        QTest::newRow("HEAD /: no body") << QByteArray("HEAD / HTTP/1.1\r\n\r\n") << 200 << html << "index.html" << QByteArray();
+        QTest::newRow("HEAD /metrics") << QByteArray("HEAD /metrics HTTP/1.1\r\n\r\n") << 200 << metrics << "" << QByteArray();
+        QTest::newRow("POST /") << QByteArray("POST / HTTP/1.1\r\nContent-Length: 0\r\n\r\n") << 405 << QByteArray() << "" << QByteArray();
+        QTest::newRow("GET of another path") << get("/viewer") << 404 << QByteArray() << "" << QByteArray();
+        QTest::newRow("GET of a file beside the page") << get("/../README.md") << 404 << QByteArray() << "" << QByteArray();
+        QTest::newRow("POST to another path") << QByteArray("POST /x HTTP/1.1\r\n\r\n") << 404 << QByteArray() << "" << QByteArray();
+        QTest::newRow("no path") << QByteArray("GET index.html HTTP/1.1\r\n\r\n") << 400 << QByteArray() << "" << QByteArray();
+        QTest::newRow("HTTP/2.0") << QByteArray("GET / HTTP/2.0\r\n\r\n") << 400 << QByteArray() << "" << QByteArray();
+        QTest::newRow("a field without a colon") << QByteArray("GET / HTTP/1.1\r\nHost\r\n\r\n") << 400 << QByteArray() << "" << QByteArray();
+        QTest::newRow("request line past 8 KiB") << get("/" + QByteArray(8200, 'a')) << 414 << QByteArray() << "" << QByteArray();
+        QTest::newRow("fields past 8 KiB") << "GET / HTTP/1.1\r\nX-A: " + QByteArray(8200, 'a') + "\r\n\r\n" << 431 << QByteArray() << "" << QByteArray();
+        QTest::newRow("a request that never ends") << QByteArray("GET / HTTP/1.1\r\n") << 0 << QByteArray() << "" << QByteArray();
+        // clang-format on
     }
 
-    void stopSequence()
+    void requests()
     {
-        QFETCH(bool, end);
-        QScopedPointer<KorbRdvStreamer> s(streamer({"-nofile"}));
-        QSignalSpy finished(s.data(), &KorbRdvStreamer::finished);
-        for (int i = 0; i < 3; ++i)
-            KLOGF(nullptr, 1, QStringLiteral("повтор"));
-        end ? s->end() : s->halt();
-        // The folded repeats reach the log before the application quits.
-        QVERIFY(!KorbLoggerLight::instance()->hasAccumulated());
-        QTRY_VERIFY(!finished.isEmpty());
+        QFETCH(QByteArray, request);
+        QFETCH(int, status);
+        QFETCH(QByteArray, type);
+        QFETCH(QString, page);
+        QFETCH(QByteArray, content);
+        KorbRdvStreamer *s = relay({"-file=" + m_dir.filePath("rec.rdv")});
+        QVERIFY(s);
+        const QByteArray response = fetch(s->server()->serverPort(), request);
+        QCOMPARE(response.left(12), status ? "HTTP/1.1 " + QByteArray::number(status) : QByteArray());
+        QCOMPARE(field(response, "Content-Type"), type);
+        const bool head = request.startsWith("HEAD");
+        const int length = field(response, "Content-Length").toInt();
+        QVERIFY(head ? body(response).isEmpty() && length > 0 : length == body(response).size());
+        if (!page.isEmpty()) {
+            const QByteArray bytes = readFile(QStringLiteral(KORB_SOURCE_DIR "/tools/viewer/") + page);
+            QVERIFY(!bytes.isEmpty());
+            QCOMPARE(body(response), head ? QByteArray() : bytes);
+            QCOMPARE(length, bytes.size());
+            QCOMPARE(field(response, "Cache-Control"), QByteArray("no-cache"));
+            QVERIFY(field(response, "Content-Security-Policy").contains("connect-src 'self'"));
+        }
+        QVERIFY(body(response).contains(content));
+        QCOMPARE(s->server()->refusals(KorbRdvWsListener::Handshake),
+                 qint64(status == 0 || status == 400 || status == 414 || status == 431));
     }
 
-    void startPauseAndUdpReceiver()
+    void probe_data()
     {
-        // One UDP port alone opens no receiver; both do, once.
-        QScopedPointer<KorbRdvStreamer> one(streamer({"-udp1=" + freePort(true), "-addr=127.0.0.1:1"}));
-        QVERIFY(one->init() && !one->assembly()->udpReceiver());
-        one.reset();
-        QScopedPointer<KorbRdvStreamer> s(
-            streamer({"-udp1=" + freePort(true), "-udp2=" + freePort(true), "-addr=127.0.0.1:1"}));
-        QVERIFY(s->init());
+        QTest::addColumn<QString>("source");
+        QTest::addColumn<int>("status");
+        QTest::addColumn<bool>("framesSeen"); // last_frame_age_ms is a number
+        // clang-format off
+        QTest::newRow("a recording: live") << "file" << 200 << false;
+        QTest::newRow("a TCP device sending frames: live") << "tcp" << 200 << true;
+        QTest::newRow("a TCP device silent for health_silence_s: stale") << "tcp silent" << 503 << true;
+        QTest::newRow("no TCP device: stale") << "tcp dead" << 503 << false;
+        // clang-format on
+    }
+
+    void probe()
+    {
+        QFETCH(QString, source);
+        QFETCH(int, status);
+        QFETCH(bool, framesSeen);
+        Device device(source == "tcp silent" ? 5 : 1000);
+        const QString address =
+            "-addr=127.0.0.1:" + (source == "tcp dead" ? freePort() : QString::number(device.serverPort()));
+        QStringList options{address, "-cfg", m_dir.filePath("silence.ini")};
+        if (source == "file")
+            options << "-file=" + m_dir.filePath("rec.rdv");
+        KorbRdvStreamer *s = relay(options);
+        QVERIFY(s);
+        QJsonObject answer;
+        const auto asked = [&] {
+            const QByteArray response = fetch(s->server()->serverPort(), get("/healthz"));
+            answer = QJsonDocument::fromJson(body(response)).object();
+            return response.startsWith("HTTP/1.1 " + QByteArray::number(status)) &&
+                   answer.value("last_frame_age_ms").isDouble() == framesSeen;
+        };
+        QTRY_VERIFY_WITH_TIMEOUT(asked(), 10000);
+        QCOMPARE(answer.value("status").toString(), status == 200 ? "ok" : "stale");
+        QCOMPARE(answer.value("source").toString(), source.left(source.indexOf(' ')));
+        QCOMPARE(answer.value("ws_clients").toInt(-1), 0);
+    }
+
+    // The exposition as Prometheus' own checker reads it, the client's packets measured.
+    void promtoolChecksTheMetrics()
+    {
+        const QString promtool = QStandardPaths::findExecutable("promtool");
+        if (promtool.isEmpty())
+            QSKIP("promtool is not installed (package prometheus; make deps installs it where it can)");
+        Device device(1000);
+        KorbRdvStreamer *s = relay({"-addr=127.0.0.1:" + QString::number(device.serverPort()), "-nofile"});
+        WsTestClient *client = s ? connectClient(*s->server(), s) : nullptr;
+        QTRY_VERIFY(client && !client->binaries.isEmpty());
+        const QByteArray metrics = body(fetch(s->server()->serverPort(), get("/metrics")));
+        QVERIFY(QString::fromLatin1(metrics).contains(
+            QRegularExpression("\nkorbrdv_ingest_to_send_seconds_count [1-9]")));
+        QProcess check;
+        check.start(promtool, {"check", "metrics"});
+        check.write(metrics);
+        check.closeWriteChannel();
+        QVERIFY(check.waitForFinished(30000));
+        QVERIFY2(check.exitCode() == 0, check.readAll().constData());
+    }
+
+    // One UDP port alone opens no receiver; both do, once. Paused, the relay's pid file goes.
+    void udpReceiverAndPause()
+    {
+        KorbRdvStreamer *one = relay({"-udp1=" + freePort(true), "-addr=127.0.0.1:1"});
+        KorbRdvStreamer *s =
+            relay({"-udp1=" + freePort(true), "-udp2=" + freePort(true), "-addr=127.0.0.1:1"});
+        QVERIFY(one && !one->assembly()->udpReceiver() && s);
         const auto *udp = s->assembly()->udpReceiver();
         QVERIFY(udp && s->createConnect()); // a second call opens no second receiver
         QCOMPARE(s->assembly()->udpReceiver(), udp);
@@ -73,7 +219,16 @@ private slots:
     }
 
 private:
-    QTemporaryDir m_tmp;
+    // In this process on a free port, its own instance name.
+    KorbRdvStreamer *relay(const QStringList &options)
+    {
+        auto *s = new KorbRdvStreamer(this, false, QStringList{"", "-p", freePort()} + options,
+                                      QStringLiteral("http%1").arg(++m_started));
+        return s->init() ? s : nullptr;
+    }
+
+    QTemporaryDir m_dir;
+    int m_started = 0;
 };
 
 QTEST_GUILESS_MAIN(tst_KorbRdvServer)

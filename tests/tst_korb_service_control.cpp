@@ -5,7 +5,6 @@
 #include "support/recording_service.h"
 
 #include <QLocalSocket>
-#include <QTemporaryDir>
 #include <QtTest>
 
 class tst_KorbServiceControl : public QObject
@@ -13,13 +12,6 @@ class tst_KorbServiceControl : public QObject
     Q_OBJECT
 
 private slots:
-    void socketPath()
-    {
-        // Case and everything but ASCII letters and digits vanish from the name.
-        QVERIFY(KorbServiceController::socketPath(QString::fromUtf8("Korb-RDV 2_Ёx.y"))
-                    .startsWith(QLatin1String("/var/tmp/korbrdv2xy.")));
-    }
-
     void protocol_data()
     {
         QTest::addColumn<int>("flags");

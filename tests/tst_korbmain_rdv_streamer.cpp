@@ -1,6 +1,5 @@
-// The real executable: where it runs, and a stop at any moment of the
-// start-up or of a configuration rewrite, by a signal (the exit status its
-// number) or through the control channel (0).
+// The real executable: where it runs, and a stop at any moment of the start-up or of a configuration rewrite,
+// by a signal (the exit status its number) or through the control channel (0).
 #include "service/korb_child_process.h"
 #include "service/korb_service_controller.h"
 #include "support/rdv_test_encoder.h"
@@ -14,13 +13,12 @@
 
 #include <csignal>
 
-using RdvTest::freePort;
+using namespace RdvTest;
 
 namespace {
 QString logText(const QString &dir)
 {
-    QFile file(QDir(dir).entryInfoList({"*.txt"}).value(0).filePath());
-    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+    return QString::fromUtf8(readFile(QDir(dir).entryInfoList({"*.txt"}).value(0).filePath()));
 }
 
 // A relay with a UDP device on two free ports, its log in `logs`.
@@ -28,18 +26,9 @@ struct UdpRelay
 {
     UdpRelay(const QString &logs, const QStringList &options)
     {
-        arguments = QStringList{"-e",
-                                "-n",
-                                "udp" + port,
-                                "-p",
-                                port,
-                                "-ld",
-                                logs,
-                                "-nofile",
-                                "-addr=127.0.0.1:1",
-                                "-udp1=" + udp1,
-                                "-udp2=" + udp2} +
-                    options;
+        arguments =
+            QStringList{"-e", "-n", "udp" + port, "-p", port, "-ld", logs, "-nofile", "-addr=127.0.0.1:1"}
+            << "-udp1=" + udp1 << "-udp2=" + udp2 << options;
         QObject::connect(&client, &QWebSocket::binaryMessageReceived,
                          [this](const QByteArray &packet) { packets << packet; });
     }
@@ -55,8 +44,8 @@ struct UdpRelay
     // The next full-size frame of group 1, 60 ms after the one before, to the first port.
     void send()
     {
-        sent << RdvTest::frame(RdvTest::channel(1, 60 * sent.size(), 13000));
-        device.writeDatagram(RdvTest::datagram(quint32(sent.size()), sent.last()), QHostAddress::LocalHost,
+        sent << frame(channel(1, 60 * sent.size(), 13000));
+        device.writeDatagram(datagram(quint32(sent.size()), sent.last()), QHostAddress::LocalHost,
                              udp1.toUShort());
     }
     const QString port = freePort(), udp1 = freePort(true), udp2 = freePort(true);
@@ -101,8 +90,8 @@ private slots:
         QTcpServer device;
         QTemporaryDir dir;
         const QString config = dir.filePath("relay.ini");
-        QVERIFY(device.listen(QHostAddress::LocalHost) && RdvTest::writeFile(config, "[domains]\n"));
-        const QString port = RdvTest::freePort();
+        QVERIFY(device.listen(QHostAddress::LocalHost) && writeFile(config, "[domains]\n"));
+        const QString port = freePort();
         const QString name = QStringLiteral("stop%1x%2").arg(port).arg(QCoreApplication::applicationPid());
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         if (!signal)
@@ -126,7 +115,7 @@ private slots:
         if (rewrite) {
             // The watcher exists once the first reading has closed its separators.
             QTRY_VERIFY_WITH_TIMEOUT(logText(dir.path()).count(QString(40, '~')) >= 2, 10000);
-            QVERIFY(RdvTest::writeFile(config, "[domains]\nhost=127.0.0.1\n"));
+            QVERIFY(writeFile(config, "[domains]\nhost=127.0.0.1\n"));
             since.restart();
         }
         QTest::qWait(int(qMax<qint64>(0, afterMs - since.elapsed()))); // the moment is what is tested
@@ -143,20 +132,18 @@ private slots:
         QVERIFY(!QFileInfo::exists(KorbServiceController::socketPath(name)));
     }
 
-    // A disk that runs full costs what was being written, with one line, never
-    // a packet: the clients get every frame the device sends while the
-    // recording's folder, the dumps' (at a buf:) or the log's is a tiny file
-    // system that fills up.
+    // A disk that runs full costs what was being written, with one line, never a packet: the clients get
+    // every frame the device sends while the recording's folder, the dumps' (at a buf:) or the log's is a
+    // tiny file system that fills up.
     void fullDiskCostsNoPacket_data()
     {
         QTest::addColumn<QString>("folder"); // on the tiny file system
         QTest::addColumn<QString>("line");   // once, in the log or, for the log's folder, on the console
-        QTest::newRow("recording") << "rec"
-                                   << "остановлена";
-        QTest::newRow("a buf: dump") << "tmp"
-                                     << "не записан";
-        QTest::newRow("the log") << "logs"
-                                 << "ошибка записи в файл";
+        // clang-format off
+        QTest::newRow("recording") << "rec" << "остановлена";
+        QTest::newRow("a buf: dump") << "tmp" << "не записан";
+        QTest::newRow("the log") << "logs" << "ошибка записи в файл";
+        // clang-format on
     }
 
     void fullDiskCostsNoPacket()
@@ -181,7 +168,7 @@ private slots:
                 relay.client.sendTextMessage("buf:");
             // A frame completes when the next one opens; the first only starts the clock.
             if (i >= 2)
-                expected << RdvTest::channelPacket({relay.sent[i - 1]});
+                expected << channelPacket({relay.sent[i - 1]});
             QTRY_COMPARE(relay.packets, expected);
         }
         QString console;
@@ -206,9 +193,7 @@ private slots:
         QTemporaryDir dir;
         const QString rec = dir.filePath("rec");
         const auto recorded = [&rec] {
-            const QFileInfoList files = QDir(rec).entryInfoList({"*.rdv"}, QDir::Files);
-            QFile f(files.value(0).filePath());
-            return !files.isEmpty() && f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+            return readFile(QDir(rec).entryInfoList({"*.rdv"}, QDir::Files).value(0).filePath());
         };
         UdpRelay relay(dir.path(), {"-record=" + rec});
         relay.process.start(KORB_STREAMER_BIN, relay.arguments);
@@ -217,7 +202,7 @@ private slots:
         QTimer device;
         QObject::connect(&device, &QTimer::timeout, [&relay] { relay.send(); });
         device.start(20);
-        const int frameSize = RdvTest::frame(RdvTest::channel(1, 0, 13000)).size();
+        const int frameSize = frame(channel(1, 0, 13000)).size();
         QTRY_VERIFY_WITH_TIMEOUT(recorded().size() >= 10 * frameSize, 10000);
         ::kill(pid_t(relay.process.processId()), SIGKILL);
         device.stop();
@@ -231,8 +216,7 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(player.up(false), 15000);
         QTRY_VERIFY_WITH_TIMEOUT(player.packets.size() >= frames, 15000);
         for (int i = 0; i < frames; ++i)
-            QVERIFY2(player.packets[i] == RdvTest::channelPacket({relay.sent[i]}),
-                     qPrintable(QString::number(i)));
+            QVERIFY2(player.packets[i] == channelPacket({relay.sent[i]}), qPrintable(QString::number(i)));
         player.process.kill();
         QVERIFY(player.process.waitForFinished(10000));
     }

@@ -1,7 +1,6 @@
-// Request heads through the parser, as the listener reads them: a head that
-// parses is parsed the same from any longer input and found incomplete in
-// any shorter one, a refusal is one of the three, and the relay answers a
-// parsed request with a whole response of a status it uses.
+// Request heads through the parser, as the listener reads them: a head that parses is parsed the same from
+// any longer input and found incomplete in any shorter one, a refusal is one of the three, and the relay
+// answers a parsed request with a whole response of a status it uses.
 #include "fuzz_support.h"
 
 #include "src/korb_rdv_health.h"

@@ -1,6 +1,5 @@
-// Writes a seed for every fuzz target from the simulator's device data, and
-// for the scanner and the UDP path one where a channel group falls quiet
-// while another goes on past the reuse of the buffers: fuzz_seeds DIR
+// Writes a seed for every fuzz target from the simulator's device data:
+// fuzz_seeds DIR (the corpus keeps more, a quiet group's among them).
 #include "src/korb_rdv_packet.h"
 #include "src/korb_rdv_synth.h"
 
@@ -34,28 +33,5 @@ int main(int argc, char **argv)
         "\x01\x05"
         "alive\r\npause\r\nnum:7\r\nALIVE\r\n"); // flags and piece sizes, then the input
 
-    // Group 1 sends once, group 0 every 60 ms. The scanner's 16 KiB buffer is
-    // filled ten times over; the UDP path's datagrams pass its 64 KiB buffer
-    // and its 1 MiB receive area (one datagram sent 25 times over, with its
-    // header made right), then two more frames make a packet.
-    KorbRdvSynth::Options o;
-    o.groups = 1;
-    o.singleEvery = 0;
-    o.periodMs = 60;
-    KorbRdvSynth loud(o);
-    QByteArray stream = loud.channelFrame(1, 8) + QByteArray(o.trailerBytes, '\0');
-    for (int i = 0; i < 40; ++i)
-        stream += loud.nextStep();
-    put("scanner", "quiet_group", "\x03\x03\x14" + stream);
-    o.channelSamples = Rdv::MaxSamples;
-    KorbRdvSynth wide(o);
-    QByteArray quiet(1, '\0');
-    quiet += record(2, KorbRdvSynth::datagram(0, wide.channelFrame(1, 8)));
-    for (int sends : {25, 1, 1}) {
-        wide.nextStep();
-        quiet +=
-            record(2 | (sends - 1) << 2, KorbRdvSynth::datagram(0, wide.channelFrame(0, Rdv::MaxSamples)));
-    }
-    put("udp", "quiet_group", quiet);
     return ok ? 0 : 1;
 }

@@ -107,40 +107,27 @@ QList<PacketFieldValue> packetFields(const QByteArray &f, bool channel)
     using V = PacketFieldValue;
     const char *p = f.constData();
     const quint8 b16 = quint8(p[16]), nibbles = quint8(p[22]);
-    const double time = timeMs(p), rate = 1000.0 / double(at<quint32>(p, 12));
+    const double time = timeMs(p), rate = 1000.0 / double(at<quint32>(p, 12)), kind = qint8(p[4]);
+    const auto i16 = [p](int o) { return double(at<qint16>(p, o)); };
+    const auto i32 = [p](int o) { return double(at<qint32>(p, o)); };
+    const auto u64 = [p](int o) { return double(at<quint64>(p, o)); };
+    const auto f32 = [p](int o) { return double(at<float>(p, o)); };
+    const double count = at<quint16>(p, 17);
+    // clang-format off
     if (!channel)
-        return {{"frameType", V::I8, double(qint8(p[4]))},
-                {"flagBit1", V::I8, double(b16 >> 1 & 1)},
-                {"flagBit2", V::I8, double(b16 >> 2 & 1)},
-                {"flagBit3", V::I8, double(b16 >> 3 & 1)},
-                {"flagBit0", V::I8, double(b16 & 1)},
-                {"sampleCount", V::U16, double(at<quint16>(p, 17))},
-                {"word5", V::I16, double(at<qint16>(p, 5))},
-                {"word44", V::I16, double(at<qint16>(p, 44))},
-                {"word46", V::I16, double(at<qint16>(p, 46))},
-                {"intA", V::I32, double(at<qint32>(p, 36))},
-                {"intB", V::I32, double(at<qint32>(p, 52))},
-                {"timeMs", V::F64, time},
-                {"rate", V::F64, rate},
-                {"counterA", V::F64, double(at<quint64>(p, 20))},
-                {"counterB", V::F64, double(at<quint64>(p, 28))},
-                {"floatA", V::F64, double(at<float>(p, 40))}};
-    return {{"frameType", V::I8, double(qint8(p[4]))},
-            {"nibbleLow", V::I8, double(nibbles & 15)},
-            {"nibbleHigh", V::I8, double(nibbles >> 4)},
-            {"group", V::I8, double(qint8(p[16]))},
-            {"byte7", V::I8, double(qint8(p[7]))},
-            {"sampleCount", V::U16, double(at<quint16>(p, 17))},
-            {"word5", V::I16, double(at<qint16>(p, 5))},
-            {"word20", V::I16, double(at<qint16>(p, 20))},
-            {"intA", V::I32, double(at<qint32>(p, 40))},
-            {"intB", V::I32, double(at<qint32>(p, 52))},
-            {"timeMs", V::F64, time},
-            {"rate", V::F64, rate},
-            {"counterA", V::F64, double(at<quint64>(p, 24))},
-            {"counterB", V::F64, double(at<quint64>(p, 32))},
-            {"floatA", V::F64, double(at<float>(p, 44))},
-            {"floatB", V::F64, double(at<float>(p, 48))}};
+        return {{"frameType", V::I8, kind}, {"flagBit1", V::I8, double(b16 >> 1 & 1)},
+                {"flagBit2", V::I8, double(b16 >> 2 & 1)}, {"flagBit3", V::I8, double(b16 >> 3 & 1)},
+                {"flagBit0", V::I8, double(b16 & 1)}, {"sampleCount", V::U16, count}, {"word5", V::I16, i16(5)},
+                {"word44", V::I16, i16(44)}, {"word46", V::I16, i16(46)}, {"intA", V::I32, i32(36)},
+                {"intB", V::I32, i32(52)}, {"timeMs", V::F64, time}, {"rate", V::F64, rate},
+                {"counterA", V::F64, u64(20)}, {"counterB", V::F64, u64(28)}, {"floatA", V::F64, f32(40)}};
+    return {{"frameType", V::I8, kind}, {"nibbleLow", V::I8, double(nibbles & 15)},
+            {"nibbleHigh", V::I8, double(nibbles >> 4)}, {"group", V::I8, double(qint8(p[16]))},
+            {"byte7", V::I8, double(qint8(p[7]))}, {"sampleCount", V::U16, count}, {"word5", V::I16, i16(5)},
+            {"word20", V::I16, i16(20)}, {"intA", V::I32, i32(40)}, {"intB", V::I32, i32(52)},
+            {"timeMs", V::F64, time}, {"rate", V::F64, rate}, {"counterA", V::F64, u64(24)},
+            {"counterB", V::F64, u64(32)}, {"floatA", V::F64, f32(44)}, {"floatB", V::F64, f32(48)}};
+    // clang-format on
 }
 
 QList<qint32> sampleValues(const QByteArray &f, bool channel)

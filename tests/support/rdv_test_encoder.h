@@ -35,10 +35,9 @@ QByteArray stream(const QList<FrameSpec> &frames, int gap = 2);
 // A UDP datagram: length (off by `lengthDelta`), two unused bytes, sequence number, body.
 QByteArray datagram(quint32 seq, const QByteArray &body, int lengthDelta = 0);
 
-// A packet block's header fields after the fixed words, named as packet
-// readers name them, for `frame` in a channel sub-block or a single-frame
-// packet; and the sample values two per sample the block carries (none when
-// the frame's magic, kind or count keep the payload out).
+// A packet block's header fields after the fixed words, named as packet readers name them, for `frame` in a
+// channel sub-block or a single-frame packet; and the sample values two per sample the block carries (none
+// when the frame's magic, kind or count keep the payload out).
 struct PacketFieldValue
 {
     const char *name;

@@ -2,11 +2,9 @@
 
 #include "support/svc_sandbox.h"
 
-// A throwaway container whose process 1 is a real systemd (the container tool
-// in the shared folder beside the checkout), with one host directory bound
-// read-only into it: the container mounts its own /tmp and sees only what the
-// host had when it booted. Stopped however the test leaves, a failed boot
-// included.
+// A throwaway container whose process 1 is a real systemd (the container tool in the shared folder beside the
+// checkout), with one host directory bound read-only into it: the container mounts its own /tmp and sees only
+// what the host had when it booted. Stopped however the test leaves, a failed boot included.
 class SvcContainer
 {
     Q_DISABLE_COPY(SvcContainer)

@@ -37,6 +37,13 @@ SvcRun svcRun(const QString &program, const QStringList &arguments, const QProce
     return run;
 }
 
+QStringList privateMounts(const QString &script, const QString &program, const QStringList &arguments)
+{
+    const QString shell = "set -e\n" + script + "exec \"$@\"\n";
+    return QStringList{"--mount", "--propagation", "private", "/bin/sh", "-c", shell, "sh", program} +
+           arguments;
+}
+
 SvcSandbox::SvcSandbox(bool systemd)
 {
     for (const char *sub : {"upper", "work", "unit"})
@@ -94,18 +101,13 @@ SvcRun SvcSandbox::run(const QString &program, const QStringList &arguments,
                        const QProcessEnvironment &environment, const QString &setup) const
 {
     const QString script =
-        QStringLiteral("set -e\n"
-                       "mount -t overlay korbsvc -o lowerdir=/etc,upperdir=%1/upper,workdir=%1/work /etc\n"
+        QStringLiteral("mount -t overlay korbsvc -o lowerdir=/etc,upperdir=%1/upper,workdir=%1/work /etc\n"
                        "mount --bind %1/unit /usr/lib/systemd/system\n"
                        "mount --bind %1/comm /proc/1/comm\n"
                        "mount --bind %1/systemctl /usr/bin/systemctl\n"
-                       "%2\n"
-                       "exec \"$@\"\n")
+                       "%2\n")
             .arg(m_dir.path(), setup);
-    return svcRun(QStringLiteral("unshare"),
-                  QStringList{"--mount", "--propagation", "private", "/bin/sh", "-c", script, "sh", program} +
-                      arguments,
-                  environment);
+    return svcRun(QStringLiteral("unshare"), privateMounts(script, program, arguments), environment);
 }
 
 namespace SvcTest {

@@ -11,7 +11,7 @@ constexpr int FullKib = 4;
 
 QString script(const QMap<QString, int> &kib)
 {
-    QString text = QStringLiteral("set -e\n");
+    QString text;
     for (auto it = kib.cbegin(); it != kib.cend(); ++it) {
         text += QStringLiteral("mount -t tmpfs -o size=%1k korbtiny '%2'\n")
                     .arg(it.value() > 0 ? it.value() : FullKib)
@@ -19,13 +19,7 @@ QString script(const QMap<QString, int> &kib)
         if (it.value() == 0)
             text += QStringLiteral("cat /dev/zero > '%1/full' 2>/dev/null || true\n").arg(it.key());
     }
-    return text + QStringLiteral("exec \"$@\"\n");
-}
-
-QStringList command(const QMap<QString, int> &kib, const QString &program, const QStringList &arguments)
-{
-    return QStringList{"--mount", "--propagation", "private", "/bin/sh", "-c", script(kib), "sh", program} +
-           arguments;
+    return text;
 }
 } // namespace
 
@@ -37,8 +31,8 @@ QString unavailableReason()
         QTemporaryDir dir;
         // The probe succeeds when a write to the full tmpfs fails.
         const SvcRun run =
-            svcRun(QStringLiteral("unshare"),
-                   command({{dir.path(), 0}}, "/bin/sh", {"-c", "! echo x >> \"$0\"/full", dir.path()}));
+            svcRun(QStringLiteral("unshare"), privateMounts(script({{dir.path(), 0}}), "/bin/sh",
+                                                            {"-c", "! echo x >> \"$0\"/full", dir.path()}));
         if (run.exitCode != 0)
             return QStringLiteral("no private mount namespace with a tmpfs of its own here: ") +
                    run.err.trimmed();
@@ -50,7 +44,7 @@ QString unavailableReason()
 void start(QProcess &process, const QMap<QString, int> &kib, const QString &program,
            const QStringList &arguments)
 {
-    process.start(QStringLiteral("unshare"), command(kib, program, arguments));
+    process.start(QStringLiteral("unshare"), privateMounts(script(kib), program, arguments));
 }
 
 QString seenBy(const QProcess &process, const QString &path)

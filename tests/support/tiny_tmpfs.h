@@ -6,10 +6,9 @@
 
 class QProcess;
 
-// A full disk without filling the machine's: a program started in a private
-// mount namespace where some of its folders are tiny tmpfs mounts of their
-// own. The mounts vanish with the program; what it left on them is seen
-// through /proc/<pid>/root while it runs.
+// A full disk without filling the machine's: a program started in a private mount namespace where some of its
+// folders are tiny tmpfs mounts of their own. The mounts vanish with the program; what it left on them is
+// seen through /proc/<pid>/root while it runs.
 namespace TinyTmpfs {
 
 // Empty when such namespaces and mounts work here, else why not.

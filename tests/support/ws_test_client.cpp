@@ -50,6 +50,12 @@ bool writeFile(const QString &path, const QByteArray &bytes)
     return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
 }
 
+QByteArray readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
 bool rawHandshake(QTcpSocket &socket, quint16 port)
 {
     socket.setProxy(QNetworkProxy::NoProxy);

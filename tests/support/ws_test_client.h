@@ -21,9 +21,8 @@ struct WsTestClient : QObject
     QByteArrayList binaries;
     int closeCode = -1; // once disconnected
 };
-// A client of `server` once both ends are done with the handshake; null on
-// failure. At ws://127.0.0.1:<its plain port> unless `url` says otherwise,
-// and with `tls` for a wss:// one.
+// A client of `server` once both ends are done with the handshake; null on failure. At ws://127.0.0.1:<its
+// plain port> unless `url` says otherwise, and with `tls` for a wss:// one.
 WsTestClient *connectClient(WebSocketServer &server, QObject *parent, const QString &url = QString(),
                             const QSslConfiguration &tls = QSslConfiguration());
 
@@ -31,6 +30,8 @@ WsTestClient *connectClient(WebSocketServer &server, QObject *parent, const QStr
 QString freePort(bool udp = false);
 // `bytes` and nothing else in the file at `path`.
 bool writeFile(const QString &path, const QByteArray &bytes);
+// The bytes of the file at `path`; empty when it cannot be read.
+QByteArray readFile(const QString &path);
 
 // Connects to 127.0.0.1:port and completes the handshake by hand.
 bool rawHandshake(QTcpSocket &socket, quint16 port);
@@ -44,10 +45,9 @@ QByteArray rawRequest(QTcpSocket &socket, const QByteArray &target, const QByteA
                       bool upgrade);
 // A masked text frame (a zero key: the payload stays as it is).
 QByteArray clientTextFrame(const QByteArray &payload);
-// Reads a raw client until the server has closed the connection: the code of
-// the close frame that ends what the server sent, or -1 (none, or more after
-// it). A `keepSending` message is written again whenever the one before has
-// gone out.
+// Reads a raw client until the server has closed the connection: the code of the close frame that ends what
+// the server sent, or -1 (none, or more after it). A `keepSending` message is written again whenever the one
+// before has gone out.
 int closeCodeReadBy(QTcpSocket &socket, const QByteArray &keepSending = QByteArray());
 
 } // namespace RdvTest

@@ -126,7 +126,7 @@ void KorbRdvDiskWriter::fillFile(Job job)
     if (job.context)
         job.fill(job.bytes);
     QMutexLocker lock(&m_mutex);
-    if (!job.context) {
+    if (!job.context || job.bytes.isEmpty()) { // gone, or nothing left to write
         m_queuedFiles -= reserved;
         return;
     }

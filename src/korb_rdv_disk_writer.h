@@ -73,10 +73,11 @@ public:
     void trim(const Korb::FileBound &bound);
     // Writes the file `path` once the other files of `bound` are trimmed to
     // leave room for it under maxBytes. Its bytes are taken by `fill`, later,
-    // in the thread of `context` (not at all once context is gone), into
-    // memory of about `size` bytes made ready here. A file that cannot be
-    // given room is not written, one a full disk cuts short is removed; each
-    // with a log line. False, taking nothing, when too many files wait.
+    // in the thread of `context`, into memory of about `size` bytes made
+    // ready here; no file once context is gone or when fill leaves nothing.
+    // A file that cannot be given room is not written, one a full disk cuts
+    // short is removed; each with a log line. False, taking nothing, when
+    // too many files wait.
     bool writeFile(const QString &path, int size, const Korb::FileBound &bound, QObject *context, Fill fill);
 
     // Stream bytes that reached the disk, and stream files started.

@@ -20,7 +20,8 @@ DEB_PACKAGES := cmake g++ make qtbase5-dev libqt5websockets5-dev util-linux dpkg
 # below when their commands are missing); where they cannot be had, those
 # tests skip. lintian, which the package test runs, is installed the same way,
 # and so are mosquitto, the broker of the MQTT tests and of make demo-mqtt, and
-# prometheus for its promtool, which the HTTP test checks the relay's metrics with.
+# prometheus, which the HTTP test checks the relay's metrics with (promtool) and
+# scrapes the relay with.
 
 .PHONY: all build deps fuzz-deps build-fuzz fuzz test test-plain test-asan test-fuzz demo demo-mqtt package clean format
 
@@ -68,12 +69,12 @@ deps:
 	  ( $(SUDO) apt-get update -qq && \
 	    DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq --no-install-recommends mosquitto ) \
 	  || echo "could not install mosquitto: the MQTT tests will be skipped"
-	@# The HTTP test checks /metrics with promtool, part of Debian's prometheus
-	@# package (which also enables a service that the test never uses).
+	@# The HTTP test checks /metrics with promtool and scrapes the relay with a
+	@# private Prometheus; Debian's package enables a service, which the test never uses.
 	@dpkg-query -W -f='$${Status}' prometheus 2>/dev/null | grep -q 'install ok installed' || \
 	  ( $(SUDO) apt-get update -qq && \
 	    DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq --no-install-recommends prometheus ) \
-	  || echo "could not install prometheus: the promtool test will be skipped"
+	  || echo "could not install prometheus: the Prometheus test will be skipped"
 	@command -v lintian >/dev/null || \
 	  ( $(SUDO) apt-get update -qq && \
 	    DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq --no-install-recommends lintian ) \

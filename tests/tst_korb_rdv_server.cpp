@@ -1,7 +1,7 @@
 // The relay in this process. Plain HTTP on its WebSocket port: the embedded viewer page, /metrics and
 // /healthz by path and method, the requests the relay refuses, the source's liveness, and the metrics as
-// promtool reads them (skipped where the prometheus package is missing); its UDP receiver opened once, and
-// its pause.
+// promtool and a Prometheus read them (skipped where the prometheus package is missing); its UDP receiver
+// opened once, and its pause.
 #include "logger/korb_logger_light.h"
 #include "src/korb_env.h"
 #include "src/korb_rdv_assembly.h"
@@ -180,12 +180,14 @@ private slots:
         QCOMPARE(answer.value("ws_clients").toInt(-1), 0);
     }
 
-    // The exposition as Prometheus' own checker reads it, the client's packets measured.
-    void promtoolChecksTheMetrics()
+    // The exposition as Prometheus' own checker reads it, the client's packets measured; then a throwaway
+    // Prometheus on loopback (its storage in the test's folder) scrapes the relay.
+    void prometheusReadsTheMetrics()
     {
+        const QString prometheus = QStandardPaths::findExecutable("prometheus");
         const QString promtool = QStandardPaths::findExecutable("promtool");
-        if (promtool.isEmpty())
-            QSKIP("promtool is not installed (package prometheus; make deps installs it where it can)");
+        if (prometheus.isEmpty() || promtool.isEmpty())
+            QSKIP("prometheus is not installed (make deps installs it where it can)");
         Device device(1000);
         KorbRdvStreamer *s = relay({"-addr=127.0.0.1:" + QString::number(device.serverPort()), "-nofile"});
         WsTestClient *client = s ? connectClient(*s->server(), s) : nullptr;
@@ -199,6 +201,19 @@ private slots:
         check.closeWriteChannel();
         QVERIFY(check.waitForFinished(30000));
         QVERIFY2(check.exitCode() == 0, check.readAll().constData());
+        const QString config = m_dir.filePath("prometheus.yml"), web = freePort();
+        QVERIFY(writeFile(config, "global: {scrape_interval: 1s}\nscrape_configs:\n  - job_name: korbrdv\n"
+                                  "    static_configs: [{targets: ['127.0.0.1:" +
+                                      QByteArray::number(s->server()->serverPort()) + "']}]\n"));
+        QProcess server;
+        server.start(prometheus, {"--config.file=" + config, "--storage.tsdb.path=" + m_dir.filePath("tsdb"),
+                                  "--web.listen-address=127.0.0.1:" + web});
+        // Its query API lists the series only while the relay's count is above 0.
+        const QByteArray query = get("/api/v1/query?query=korbrdv_frames_accepted_total%3E0");
+        QTRY_VERIFY_WITH_TIMEOUT(body(fetch(web.toUShort(), query)).contains("\"result\":[{\"metric\""),
+                                 60000);
+        server.terminate();
+        QVERIFY(server.waitForFinished(20000));
     }
 
     // One UDP port alone opens no receiver; both do, once. Paused, the relay's pid file goes.

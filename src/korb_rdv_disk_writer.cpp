@@ -8,16 +8,19 @@
 #include <QThread>
 
 #include <fcntl.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 KorbRdvDiskWriter::KorbRdvDiskWriter(QObject *parent, qint64 streamQueueBytes)
     : QObject(parent), m_streamQueueBytes(streamQueueBytes)
 {
     setObjectName(QStringLiteral("disk_writer"));
-    m_thread = QThread::create([this] { run(); });
+    m_thread = QThread::create([this] {
+        ::setpriority(PRIO_PROCESS, ::gettid(), Nice); // this thread's alone
+        run();
+    });
     m_thread->setObjectName(QStringLiteral("disk_writer"));
-    // Only time the event loop leaves over: where the relay shares a core
-    // with its writer, the device's sockets are read first (SCHED_IDLE).
-    m_thread->start(QThread::IdlePriority);
+    m_thread->start();
 }
 
 KorbRdvDiskWriter::~KorbRdvDiskWriter()

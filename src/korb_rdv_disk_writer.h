@@ -49,6 +49,10 @@ public:
     // PushOutBytes itself and waits for the piece before, so the disk sets
     // the pace here, at idle priority, and written pages leave the cache.
     static constexpr qint64 PushOutBytes = 8 * Korb::BytesPerMiB;
+    // The thread's nice value: where it shares a core with the event loop,
+    // the device's sockets are read first, yet a busy machine never starves
+    // it, as it would an idle-class thread.
+    static constexpr int Nice = 10;
     // Stream bytes are gathered into blocks of this size, one write each.
     static constexpr int BlockSize = 1024 * 1024;
     // Blocks faulted in ahead when a stream starts. Written blocks are kept

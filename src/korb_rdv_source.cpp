@@ -81,14 +81,19 @@ void KorbRdvSource::runCmd(const QString &cmd)
     const Korb::FileBound dumps{dumpDir(), QRegularExpression(QLatin1Char('^') + QLatin1String(DumpPrefix)),
                                 m_dumpQuota};
     // Taken when the writer has the memory ready, a moment after the command.
-    KorbRdvDiskWriter::Fill fill = [this](QByteArray &bytes) { m_scan.bufDump(bytes); };
-    if (!buf)
-        fill = [this](QByteArray &bytes) { bytes = m_scan.csvDump(); };
+    KorbRdvDiskWriter::Fill fill = [this, buf](QByteArray &bytes) {
+        --m_dumpsWaiting;
+        if (buf)
+            m_scan.bufDump(bytes);
+        else
+            bytes = m_scan.csvDump();
+    };
     const int size = buf ? m_scan.charBuffSize() : 0;
     if (!m_dumpWriter || !m_dumpWriter->writeFile(name, size, dumps, this, std::move(fill))) {
         KLOGF(this, 1, tr("дамп \"%1\" не записан: запись на диск занята").arg(c));
         return;
     }
+    ++m_dumpsWaiting;
     KLOG(this, 2, QStringLiteral("m_file.open %1").arg(name));
 }
 
@@ -164,10 +169,11 @@ void KorbRdvSource::timerEvent(QTimerEvent *event)
         return;
     }
     const qint64 quiet = m_lastData.elapsed();
-    if (quiet < m_watchdogMs) {
-        // Data came after the timer was armed: wait for the rest of the silence.
+    if (quiet < m_watchdogMs || m_dumpsWaiting > 0) {
+        // Data came after the timer was armed: wait for the rest of the
+        // silence. A dump asked for before it still takes the buffer first.
         killTimer(m_watchdogId);
-        m_watchdogId = startTimer(int(m_watchdogMs - quiet));
+        m_watchdogId = startTimer(quiet < m_watchdogMs ? int(m_watchdogMs - quiet) : DumpWaitMs);
         return;
     }
     stopWatchdog();

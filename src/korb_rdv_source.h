@@ -33,6 +33,9 @@ public:
     static constexpr int DumpWindowMs = 20000;
     // Names of the dump files; all of them in dumpDir() share the dump quota.
     static constexpr const char *DumpPrefix = "zz-";
+    // A silence that comes while a dump waits for its memory ends this much
+    // later, or later still: the dump takes the buffer the silence releases.
+    static constexpr int DumpWaitMs = 50;
 
     ~KorbRdvSource() override;
 
@@ -114,6 +117,7 @@ private:
     QQueue<qint64> m_dumpTimes; // of the dumps within the last DumpWindowMs
     int m_fileCounter = 0;
     QPointer<KorbRdvDiskWriter> m_dumpWriter;
+    int m_dumpsWaiting = 0; // handed to the writer, their bytes not yet taken
     qint64 m_dumpQuota = 0;
     int m_bufferCapacity = KorbRdvScanner::MaxBufferSize;
     bool m_receiveBufferWarned = false;

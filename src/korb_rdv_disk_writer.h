@@ -47,7 +47,8 @@ public:
     // pages that the kernel's flusher writes out later at its own priority,
     // beside the event loop. This thread starts the write-back of every
     // PushOutBytes itself and waits for the piece before, so the disk sets
-    // the pace here, at idle priority, and written pages leave the cache.
+    // the pace here, at this thread's low priority, and written pages leave
+    // the cache.
     static constexpr qint64 PushOutBytes = 8 * Korb::BytesPerMiB;
     // The thread's nice value: where it shares a core with the event loop,
     // the device's sockets are read first, yet a busy machine never starves

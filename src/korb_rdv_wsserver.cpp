@@ -102,7 +102,8 @@ void WebSocketServer::onRequest(KorbRdvClientLink *link, const KorbRdvHttpReques
 {
     QTcpSocket *const socket = link->socket();
     if (!request.isWebSocketUpgrade()) {
-        KorbRdvWsListener::respond(socket, m_http ? m_http->answer(request, overTls(link)) : Korb::httpResponse(404));
+        KorbRdvWsListener::respond(socket,
+                                   m_http ? m_http->answer(request, overTls(link)) : Korb::httpResponse(404));
         return;
     }
     if (!m_access.originAllowed(request)) {

@@ -39,7 +39,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     FUZZ_CHECK(response.startsWith("HTTP/1.1 ") &&
                (status == 200 || status == 404 || status == 405 || status == 503));
     const int end = response.indexOf("\r\n\r\n") + 4;
-    const int length = response.mid(response.indexOf("Content-Length: ") + 16, 12).split('\r').first().toInt();
+    const int length =
+        response.mid(response.indexOf("Content-Length: ") + 16, 12).split('\r').first().toInt();
     FUZZ_CHECK(end >= 4 && response.size() - end == (request.method == "HEAD" ? 0 : length));
     return 0;
 }

@@ -114,8 +114,8 @@ public:
         const bool channel = !b.single();
         const auto bit = [&b](F f, int shift) { return int(b[f]) << shift; };
         const quint8 flags = channel ? quint8(qint8(b[F::Group]))
-                                     : quint8(bit(F::FlagBit0, 0) | bit(F::FlagBit1, 1) | bit(F::FlagBit2, 2) |
-                                              bit(F::FlagBit3, 3));
+                                     : quint8(bit(F::FlagBit0, 0) | bit(F::FlagBit1, 1) |
+                                              bit(F::FlagBit2, 2) | bit(F::FlagBit3, 3));
         const char *const block = packet.constData() + b.offset;
         const int fixed = b.headerSize(), samples = b.size - fixed;
         const quint32 k = key(quint8(qint8(b[F::FrameType])), flags, quint16(b.sampleCount()));

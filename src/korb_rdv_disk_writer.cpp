@@ -7,12 +7,14 @@
 #include <QFileInfo>
 #include <QThread>
 
+#include <cstring>
+
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 KorbRdvDiskWriter::KorbRdvDiskWriter(QObject *parent, qint64 streamQueueBytes)
-    : QObject(parent), m_streamQueueBytes(streamQueueBytes)
+    : QObject(parent), m_ring(streamQueueBytes)
 {
     setObjectName(QStringLiteral("disk_writer"));
     m_thread = QThread::create([this] {
@@ -58,50 +60,27 @@ void KorbRdvDiskWriter::trim(const Korb::FileBound &bound)
 bool KorbRdvDiskWriter::append(const char *data, int size)
 {
     QMutexLocker lock(&m_mutex);
-    if (m_queuedStream + size > m_streamQueueBytes)
+    if (size <= 0 || m_queuedStream + size > m_ring.size())
         return false;
     m_queuedStream += size;
-    // Into the last block while the thread has not taken it and it has room.
-    if (m_jobs.isEmpty() || m_jobs.last().kind != Job::Bytes ||
-        m_jobs.last().bytes.size() + size > BlockSize) {
-        // A full block is worth a write at once; the rest waits for the flush.
+    copyToRing(data, size);
+    // Onto the last piece while the thread has not taken it and it has room.
+    if (m_jobs.isEmpty() || m_jobs.last().kind != Job::Bytes || m_jobs.last().size + size > PieceSize) {
+        // A full piece is worth a write at once; the rest waits for the flush.
         if (!m_jobs.isEmpty() && m_jobs.last().kind == Job::Bytes)
             m_wake.wakeOne();
-        m_jobs.enqueue({Job::Bytes, QString(), takeBlock(size), Korb::FileBound(), 0, nullptr, nullptr});
+        m_jobs.enqueue({Job::Bytes, QString(), QByteArray(), Korb::FileBound(), 0, nullptr, nullptr});
     }
-    m_jobs.last().bytes.append(data, size);
+    m_jobs.last().size += size;
     return true;
 }
 
-QByteArray KorbRdvDiskWriter::takeBlock(int size)
+void KorbRdvDiskWriter::copyToRing(const char *data, int size)
 {
-    if (size <= BlockSize && !m_spareBlocks.isEmpty())
-        return m_spareBlocks.takeLast();
-    QByteArray block; // faulted in by the appends: only while none is ready
-    block.reserve(qMax(BlockSize, size));
-    return block;
-}
-
-void KorbRdvDiskWriter::keepBlock(QByteArray block)
-{
-    block.resize(0); // keeps its memory: the capacity was reserved
-    QMutexLocker lock(&m_mutex);
-    if (block.capacity() == BlockSize && qint64(m_spareBlocks.size()) * BlockSize < m_streamQueueBytes)
-        m_spareBlocks.append(std::move(block));
-}
-
-void KorbRdvDiskWriter::readyBlocks()
-{
-    int missing = 0;
-    {
-        QMutexLocker lock(&m_mutex);
-        missing = ReadyBlocks - m_spareBlocks.size();
-    }
-    for (; missing > 0; --missing) {
-        QByteArray block(BlockSize, '\0'); // every page touched here
-        block.reserve(BlockSize);
-        keepBlock(std::move(block));
-    }
+    const qint64 first = qMin(qint64(size), m_ring.size() - m_ringIn);
+    std::memcpy(m_ring.data() + m_ringIn, data, size_t(first));
+    std::memcpy(m_ring.data(), data + first, size_t(size - first));
+    m_ringIn = (m_ringIn + size) % m_ring.size();
 }
 
 bool KorbRdvDiskWriter::writeFile(const QString &path, int size, const Korb::FileBound &bound,
@@ -159,9 +138,10 @@ void KorbRdvDiskWriter::run()
             Job job = jobs.dequeue();
             execute(job);
             // A file being prepared holds no bytes yet: counted when written.
-            (job.kind == Job::File ? files : stream) += job.bytes.size();
-            if (job.kind == Job::Bytes)
-                keepBlock(std::move(job.bytes));
+            if (job.kind == Job::File)
+                files += job.bytes.size();
+            else if (job.kind == Job::Bytes)
+                stream += job.size;
         }
         QMutexLocker lock(&m_mutex);
         m_queuedStream -= stream;
@@ -177,7 +157,7 @@ void KorbRdvDiskWriter::execute(Job &job)
         openStream(job);
         break;
     case Job::Bytes:
-        writeStream(job.bytes);
+        writeStream(job.size);
         break;
     case Job::Trim:
         Korb::trimOldest(job.bound, m_stream.fileName());
@@ -203,17 +183,21 @@ void KorbRdvDiskWriter::openStream(const Job &job)
         return;
     }
     ++m_streamFiles;
-    readyBlocks();
+    m_ring.populate();
     KLOG(this, 2, tr("запись в файл %1").arg(job.path));
 }
 
-void KorbRdvDiskWriter::writeStream(const QByteArray &bytes)
+void KorbRdvDiskWriter::writeStream(int size)
 {
+    const qint64 at = m_ringOut;
+    m_ringOut = (m_ringOut + size) % m_ring.size();
     if (!m_stream.isOpen())
         return; // dropped since a failure, until the next file
     const qint64 before = m_stream.pos();
-    if (Korb::writeFully(m_stream, bytes.constData(), bytes.size())) {
-        m_streamBytes += bytes.size();
+    const qint64 first = qMin(qint64(size), m_ring.size() - at);
+    if (Korb::writeFully(m_stream, m_ring.data() + at, first) &&
+        (first == size || Korb::writeFully(m_stream, m_ring.data(), size - first))) {
+        m_streamBytes += size;
         pushOut();
         return;
     }

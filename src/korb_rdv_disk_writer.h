@@ -1,6 +1,7 @@
 #pragma once
 
 #include "src/korb_disk.h"
+#include "src/korb_large_buffer.h"
 #include "src/korb_rdv_settings.h"
 
 #include <QByteArray>
@@ -10,7 +11,6 @@
 #include <QPointer>
 #include <QQueue>
 #include <QString>
-#include <QVector>
 #include <QWaitCondition>
 
 #include <atomic>
@@ -24,8 +24,10 @@ class QThread;
 // taken as one copy. The event loop only copies, and only into memory this
 // thread has made ready (a page faulted in costs microseconds; 64 MiB of
 // them stall the loop for longer than the sockets can hold the device's
-// data); the thread writes, makes room under the files' bounds first, and
-// tells a full disk (ENOSPC, a short write) from a written file.
+// data): the stream into a ring that lives as long as the writer, a file
+// into memory made for it here. The thread writes, makes room under the
+// files' bounds first, and tells a full disk (ENOSPC, a short write) from a
+// written file.
 class KorbRdvDiskWriter : public QObject
 {
     Q_OBJECT
@@ -54,12 +56,8 @@ public:
     // the device's sockets are read first, yet a busy machine never starves
     // it, as it would an idle-class thread.
     static constexpr int Nice = 10;
-    // Stream bytes are gathered into blocks of this size, one write each.
-    static constexpr int BlockSize = 1024 * 1024;
-    // Blocks faulted in ahead when a stream starts. Written blocks are kept
-    // for the next appends, as many as the queue can hold: a stream that
-    // runs at its bound never faults pages in on the event loop.
-    static constexpr int ReadyBlocks = 4;
+    // Stream bytes are gathered into pieces of up to this size, one write each.
+    static constexpr int PieceSize = 1024 * 1024;
 
     // Puts a file's bytes into `bytes`, which holds at least the size asked
     // for; resizing it is allowed.
@@ -100,29 +98,27 @@ private:
     {
         enum Kind { Stream, Bytes, Trim, Prepare, File } kind;
         QString path;
-        QByteArray bytes;
+        QByteArray bytes; // of a file
         Korb::FileBound bound;
-        // Of a file being prepared: its size and who fills it.
+        // Of stream bytes, how many the ring holds for this job; of a file
+        // being prepared, its size.
         int size = 0;
         QPointer<QObject> context = nullptr;
         Fill fill = nullptr;
     };
 
     void enqueue(Job job);
-    QByteArray takeBlock(int size);
-    void keepBlock(QByteArray block);
-    void readyBlocks();
+    void copyToRing(const char *data, int size);
     void run();
     void execute(Job &job);
     void openStream(const Job &job);
-    void writeStream(const QByteArray &bytes);
+    void writeStream(int size);
     void pushOut();
     void failStream(const QString &reason);
     void prepareFile(Job job);
     void fillFile(Job job);
     void writeWholeFile(const Job &job);
 
-    const qint64 m_streamQueueBytes;
     QThread *m_thread = nullptr;
     // Shared with the thread, under m_mutex.
     QMutex m_mutex;
@@ -131,8 +127,11 @@ private:
     qint64 m_queuedStream = 0;
     qint64 m_queuedFiles = 0;
     bool m_stopping = false;
-    QVector<QByteArray> m_spareBlocks; // faulted in, empty, capacity kept
+    // The stream's queue: bytes from m_ringIn back over m_queuedStream wait.
+    Korb::LargeBuffer m_ring;
+    qint64 m_ringIn = 0;
     // The thread's own.
+    qint64 m_ringOut = 0;
     QFile m_stream;
     qint64 m_pushedTo = 0; // stream bytes whose write-back was started
     qint64 m_waitFrom = 0; // and the first of them not yet waited for

@@ -5,12 +5,8 @@
 #include "src/korb_rdv_settings.h"
 #include "src/korb_rdv_sink.h"
 
-#include <cstdlib>
 #include <cstring>
 #include <new>
-
-#include <sys/mman.h>
-#include <unistd.h>
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -22,11 +18,6 @@ constexpr double MiBPerByte = 9.5367431640625e-07;
 // First byte of the magic as it lies in memory (little-endian 0x12345678).
 constexpr int MagicFirstByte = 0x78;
 } // namespace
-
-void KorbRdvScanner::FreeDeleter::operator()(char *p) const
-{
-    std::free(p);
-}
 
 KorbRdvScanner::KorbRdvScanner(KorbRdvSink *sink, Pacing pacing)
     : m_sink(sink), m_pacing(pacing), m_sendIntervalMs(Korb::sendIntervalMs)
@@ -42,8 +33,8 @@ bool KorbRdvScanner::resetBuffer(int size)
         if (m_spare && m_spareSize == size)
             m_charBuff = std::move(m_spare);
         else
-            m_charBuff.reset(static_cast<char *>(std::calloc(size_t(size) + BufferSlack, 1)));
-        m_spare.reset();
+            m_charBuff = Korb::LargeBuffer(qint64(size) + BufferSlack);
+        m_spare = Korb::LargeBuffer();
         if (m_charBuff)
             m_charBuffSize = size;
     }
@@ -54,22 +45,15 @@ bool KorbRdvScanner::resetBuffer(int size)
     m_lastSentMs = m_lastSingleSentMs = 0;
     m_map.clear();
     m_throughput.start();
-    return m_charBuff != nullptr;
+    return bool(m_charBuff);
 }
 
 void KorbRdvScanner::keepAsSpare()
 {
     if (!m_charBuff)
         return;
-    char *const buf = m_charBuff.get();
-    std::memset(buf, 0, size_t(m_written));
+    m_charBuff.clear(m_written);
     m_written = 0;
-    // The kernel may take the pages back; taken ones read as zero again.
-    const auto page = quintptr(sysconf(_SC_PAGESIZE));
-    const quintptr first = (quintptr(buf) + page - 1) & ~(page - 1);
-    const quintptr end = (quintptr(buf) + quintptr(m_charBuffSize)) & ~(page - 1);
-    if (end > first)
-        madvise(reinterpret_cast<void *>(first), end - first, MADV_FREE);
     m_spare = std::move(m_charBuff);
     m_spareSize = m_charBuffSize;
     m_charBuffSize = 0;
@@ -195,7 +179,7 @@ bool KorbRdvScanner::gate(const char *frame, const char *kind1OfThisScan)
 
 void KorbRdvScanner::calcBuff(bool verbose)
 {
-    char *const buf = m_charBuff.get();
+    char *const buf = m_charBuff.data();
     if (!buf)
         return;
     int pos = m_scanPos;
@@ -260,7 +244,7 @@ void KorbRdvScanner::restartFill()
     KTRACE << QString::number(mib, 'g', 3) + QStringLiteral("Mb ")
            << QString::number(rate, 'g', 2) + QStringLiteral("Mb/sec");
     if (m_charBuff && m_fillEnd >= 0 && m_fillEnd < m_charBuffSize)
-        m_charBuff[m_fillEnd] = 0;
+        m_charBuff.data()[m_fillEnd] = 0;
     m_fillEnd = 0;
     m_scanPos = 0;
     m_scanPosAccepted = false;
@@ -271,7 +255,7 @@ void KorbRdvScanner::keepMapFrames()
     // Every frame the map refers to in the buffer, a group's that still
     // sends as well as a quiet one's: the fill will overwrite all of them.
     // Once a pass through the buffer, at most one frame per key is copied.
-    const quintptr begin = quintptr(m_charBuff.get());
+    const quintptr begin = quintptr(m_charBuff.data());
     const quintptr end = begin + quintptr(m_charBuffSize) + BufferSlack;
     for (auto it = m_map.begin(); it != m_map.end();) {
         const quintptr at = quintptr(it.value());
@@ -304,7 +288,7 @@ char *KorbRdvScanner::reserve(int n)
     if (qint64(m_fillEnd) + n > m_charBuffSize)
         restartFill();
     m_written = qMax(m_written, m_fillEnd + n);
-    return m_charBuff.get() + m_fillEnd;
+    return m_charBuff.data() + m_fillEnd;
 }
 
 void KorbRdvScanner::commit(int n, bool verbose)
@@ -323,13 +307,13 @@ const char *KorbRdvScanner::append(const char *data, int len)
     std::memcpy(at, data, size_t(len));
     m_fillEnd += len;
     if (m_fillEnd < m_charBuffSize)
-        m_charBuff[m_fillEnd] = 0;
+        m_charBuff.data()[m_fillEnd] = 0;
     return at;
 }
 
 void KorbRdvScanner::bufDump(QByteArray &out) const
 {
-    const char *const buf = m_charBuff.get();
+    const char *const buf = m_charBuff.data();
     if (!buf) {
         out.clear();
         return;
@@ -346,7 +330,7 @@ void KorbRdvScanner::bufDump(QByteArray &out) const
 QByteArray KorbRdvScanner::csvDump() const
 {
     QByteArray text = "x;y\r\n";
-    const char *const buf = m_charBuff.get();
+    const char *const buf = m_charBuff.data();
     if (!buf)
         return text;
     const int pos = qint64(m_fillEnd) + m_frameSize > m_charBuffSize ? 0 : m_fillEnd;

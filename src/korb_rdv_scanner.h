@@ -1,5 +1,6 @@
 #pragma once
 
+#include "src/korb_large_buffer.h"
 #include "src/korb_rdv_settings.h"
 #include "src/korb_rdv_wire.h"
 
@@ -66,7 +67,7 @@ public:
     // buffer now exists.
     bool resetBuffer(int size);
 
-    bool hasBuffer() const { return m_charBuff != nullptr; }
+    bool hasBuffer() const { return bool(m_charBuff); }
     int charBuffSize() const { return m_charBuffSize; }
     int fillEnd() const { return m_fillEnd; }
     int scanPos() const { return m_scanPos; }
@@ -154,21 +155,16 @@ private:
 
     KorbRdvSink *const m_sink;
     const Pacing m_pacing;
-    // calloc'ed: a fresh buffer costs no page touching until it is filled.
-    struct FreeDeleter
-    {
-        void operator()(char *p) const;
-    };
-    std::unique_ptr<char[], FreeDeleter> m_charBuff;
+    Korb::LargeBuffer m_charBuff;
     int m_charBuffSize = 0;
     // Bytes from the start that may have been written since the buffer was zero.
     int m_written = 0;
     // A released buffer, zeroed, for the next allocation of the same size.
-    // Every burst after a silence allocates the buffer again and fills 64 MiB
-    // at the device's rate; first touches of fresh pages there cost the relay
-    // as much time again as the copies, just when the burst starts. The
-    // kernel may reclaim the spare's pages in the meantime (MADV_FREE).
-    std::unique_ptr<char[], FreeDeleter> m_spare;
+    // Every burst after a silence fills 64 MiB at the device's rate; in
+    // fresh memory, first touches of its pages cost the relay time just
+    // when the burst starts. The kernel may take the spare's pages back in
+    // the meantime.
+    Korb::LargeBuffer m_spare;
     int m_spareSize = 0;
     int m_fillEnd = 0;
     int m_scanPos = 0;

@@ -156,6 +156,36 @@ private slots:
             QVERIFY2(QFile::exists(dir.filePath(name)), qPrintable(name));
     }
 
+    // The stream's queue is a ring: laps through it, frames and writes cut at its end, and the file holds
+    // every frame the writer took, in order.
+    void queueLapsKeepEveryByte_data()
+    {
+        QTest::addColumn<qint64>("queueBytes");
+        QTest::newRow("two writes and an odd tail") << qint64(2 * KorbRdvDiskWriter::PieceSize + 4097);
+        QTest::newRow("three writes less an odd tail") << qint64(3 * KorbRdvDiskWriter::PieceSize - 7919);
+    }
+
+    void queueLapsKeepEveryByte()
+    {
+        QFETCH(qint64, queueBytes);
+        QTemporaryDir dir;
+        const QString path = dir.filePath("rec_20260101T000000Z.rdv");
+        QByteArray expected;
+        {
+            KorbRdvDiskWriter writer(nullptr, queueBytes);
+            writer.startStream(path, Korb::FileBound{dir.path(), QRegularExpression("^rec_"), -1, -1});
+            QDeadlineTimer deadline(20000);
+            for (int i = 0; expected.size() < 6 * queueBytes && !deadline.hasExpired(); ++i) {
+                const QByteArray piece(1 + (i * 7919) % 60000, char('a' + i % 26));
+                while (!writer.append(piece.constData(), piece.size()) && !deadline.hasExpired())
+                    QTest::qWait(1); // until the thread makes room
+                expected += piece;
+            }
+            QVERIFY(!deadline.hasExpired());
+        }
+        QCOMPARE(readFile(path), expected);
+    }
+
     // What was recorded, replayed to a client: the folder's files in name order, within a window of time
     // stamps across a file boundary, and from the window's start again at its end.
     void replayWithinAWindow()

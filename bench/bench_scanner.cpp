@@ -2,6 +2,8 @@
 // of mixed kind-1 and kind-2 frames with garbage between them, with the
 // byte-by-byte candidate search, the memchr search and the SSE2 search. All
 // must find the same frames; the figures are printed in MB/s (1 MB = 2^20 bytes).
+// Then the copies into the buffer as a burst starts: full frames appended
+// through a fresh buffer, through the one a silence left, and a pass later.
 
 #include "src/korb_rdv_scanner.h"
 #include "src/korb_rdv_sink.h"
@@ -176,11 +178,38 @@ bool measure(const char *title, bool dense)
     return same;
 }
 
+// One pass of full frames appended through the whole buffer, in ms.
+double appendPass(KorbRdvScanner &scanner, const QByteArray &frame)
+{
+    QElapsedTimer t;
+    t.start();
+    for (int at = 0; at + frame.size() <= BufferSize; at += frame.size())
+        scanner.append(frame.constData(), frame.size());
+    return double(t.nsecsElapsed()) / 1e6;
+}
+
+void measureBurstStart()
+{
+    const QByteArray frame(56 + 4 * 13000, 'x');
+    CountingSink sink;
+    KorbRdvScanner scanner(&sink);
+    scanner.resetBuffer(BufferSize);
+    const double fresh = appendPass(scanner, frame);
+    const double later = appendPass(scanner, frame);
+    scanner.resetBuffer(0); // a silence
+    scanner.resetBuffer(BufferSize);
+    const double afterSilence = appendPass(scanner, frame);
+    std::printf("burst start, %d-byte frames through %d bytes: fresh buffer %.1f ms, after a silence "
+                "%.1f ms, a pass later %.1f ms\n",
+                frame.size(), BufferSize, fresh, afterSilence, later);
+}
+
 } // namespace
 
 int main()
 {
     const bool a = measure("uniform random garbage", false);
     const bool b = measure("garbage dense in 0x78", true);
+    measureBurstStart();
     return a && b ? 0 : 1;
 }

@@ -30,7 +30,7 @@ bool KorbRdvScanner::resetBuffer(int size)
 {
     keepAsSpare();
     if (size >= 1 && size <= MaxBufferSize) {
-        if (m_spare && m_spareSize == size)
+        if (m_spare.size() == qint64(size) + BufferSlack)
             m_charBuff = std::move(m_spare);
         else
             m_charBuff = Korb::LargeBuffer(qint64(size) + BufferSlack);
@@ -55,7 +55,6 @@ void KorbRdvScanner::keepAsSpare()
     m_charBuff.clear(m_written);
     m_written = 0;
     m_spare = std::move(m_charBuff);
-    m_spareSize = m_charBuffSize;
     m_charBuffSize = 0;
 }
 

@@ -165,7 +165,6 @@ private:
     // when the burst starts. The kernel may take the spare's pages back in
     // the meantime.
     Korb::LargeBuffer m_spare;
-    int m_spareSize = 0;
     int m_fillEnd = 0;
     int m_scanPos = 0;
     bool m_scanPosAccepted = false; // the frame at the scan position was accepted
